@@ -1,0 +1,28 @@
+# One interface target carries the language level, warnings and sanitizers for every target.
+add_library(sorvan_options INTERFACE)
+target_compile_features(sorvan_options INTERFACE cxx_std_20)
+target_compile_options(sorvan_options INTERFACE
+    -Wall -Wextra -Wshadow -Wnon-virtual-dtor
+    # The geodesy and projection code depends on the exact order and rounding of
+    # floating-point operations: never fuse multiply-adds or reassociate.
+    -ffp-contract=off -fno-fast-math)
+if(SORVAN_WERROR)
+    target_compile_options(sorvan_options INTERFACE -Werror)
+endif()
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    target_compile_options(sorvan_options INTERFACE -Wthread-safety)
+endif()
+if(SORVAN_SANITIZE)
+    target_compile_options(sorvan_options INTERFACE -fsanitize=${SORVAN_SANITIZE} -fno-omit-frame-pointer)
+    target_link_options(sorvan_options INTERFACE -fsanitize=${SORVAN_SANITIZE})
+endif()
+
+# sorvan_glob(VAR dir...) collects the .cpp files of the given directories, re-globbing on build.
+function(sorvan_glob var)
+    set(files)
+    foreach(dir ${ARGN})
+        file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.cpp)
+        list(APPEND files ${found})
+    endforeach()
+    set(${var} ${files} PARENT_SCOPE)
+endfunction()
