@@ -1,0 +1,54 @@
+// The application bundle (identifier, localised strings) and the kit's own resources.
+// Thread-safe.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace sorvan {
+namespace gfx {
+class Image;
+}
+
+class Bundle {
+public:
+    /// The host application's bundle.
+    static Bundle& main();
+    /// The kit's own bundle (its pictures and version).
+    static Bundle& kit();
+
+    /// The host sets it at start-up; default "org.sorvan." + the executable's name.
+    std::string identifier() const;
+    void setIdentifier(std::string identifier);
+
+    /// Looks key up in the bundle's gettext domain ("sorvan" for the kit, the identifier for
+    /// the main bundle). Returns value (or the key itself when value is empty) when the key is
+    /// not translated.
+    std::string localizedString(const std::string& key, const std::string& value = "") const;
+
+    /// "CFBundleShortVersionString" and friends: the kit answers "3.13".
+    std::optional<std::string> infoValue(const std::string& key) const;
+
+    /// A picture of the kit ("crosshair", "reddot", "information", "marker", "heading"), at the
+    /// scale it was drawn for; nullptr when there is none with that name.
+    std::shared_ptr<gfx::Image> image(const std::string& name) const;
+
+    ~Bundle();
+
+private:
+    explicit Bundle(bool kit);
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Opening a URL with the desktop (xdg-open) or a handler the host sets.
+class Application {
+public:
+    using Handler = std::function<bool(const std::string& url)>;
+    static void setOpenURLHandler(Handler handler);
+    static bool openURL(const std::string& url);
+};
+
+}  // namespace sorvan

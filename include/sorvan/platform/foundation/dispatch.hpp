@@ -1,0 +1,147 @@
+// Queues, run loops, semaphores and timers: the threading vocabulary of the whole SDK.
+//
+// The main queue is RunLoop::main(). A host runs it (run()); tests pump it (runUntil()).
+// View, overlay and annotation changes happen on it, and timers fire on it. SerialQueue runs
+// tasks one after another on its own thread (URL-session completions use one). Every class
+// here is thread-safe unless a method says otherwise.
+#pragma once
+
+#include <any>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace sorvan::dispatch {
+
+using Task = std::function<void()>;
+using Duration = std::chrono::duration<double>;  // seconds
+
+/// Time source for delayed tasks and timers. Tests install a ManualClock to skip 180 s.
+class Clock {
+public:
+    virtual ~Clock() = default;
+    virtual std::chrono::steady_clock::time_point now() const = 0;
+};
+
+/// A clock that moves only when advance() is called. Thread-safe.
+class ManualClock final : public Clock {
+public:
+    ManualClock();
+    std::chrono::steady_clock::time_point now() const override;
+    void advance(Duration by);
+
+private:
+    struct Impl;
+    std::shared_ptr<Impl> impl_;
+};
+
+/// Something tasks can be submitted to.
+class Queue {
+public:
+    virtual ~Queue() = default;
+    virtual void async(Task task) = 0;
+    virtual void asyncAfter(Duration delay, Task task) = 0;
+    /// True when called from a task this queue is running.
+    virtual bool isCurrent() const = 0;
+};
+
+/// A run loop: the main queue, plus the timers scheduled on it.
+class RunLoop final : public Queue {
+public:
+    /// The process's main run loop. The first thread to call run()/runUntil() drives it.
+    static RunLoop& main();
+
+    void async(Task task) override;
+    void asyncAfter(Duration delay, Task task) override;
+    bool isCurrent() const override;
+
+    /// Runs tasks and timers until stop() is called.
+    void run();
+    void stop();
+    /// Runs tasks and timers until predicate() is true (checked after each task and at least
+    /// every few milliseconds) or the timeout passes. Returns the predicate's last value.
+    bool runUntil(const std::function<bool()>& predicate, Duration timeout);
+    /// Runs every task that is due now, without waiting. Returns how many ran.
+    std::size_t drain();
+
+    /// Replaces the clock used for delayed tasks and timers (nullptr restores the real one).
+    void setClock(std::shared_ptr<Clock> clock);
+    std::chrono::steady_clock::time_point now() const;
+
+    RunLoop(const RunLoop&) = delete;
+    RunLoop& operator=(const RunLoop&) = delete;
+    ~RunLoop() override;
+
+private:
+    RunLoop();
+    friend class Timer;
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Runs tasks one at a time, in order, on a thread of its own.
+class SerialQueue final : public Queue {
+public:
+    explicit SerialQueue(std::string label);
+    ~SerialQueue() override;  // runs the tasks already queued, then joins
+    void async(Task task) override;
+    void asyncAfter(Duration delay, Task task) override;
+    bool isCurrent() const override;
+    /// Runs task on the queue and waits for it. REQUIRES: not called from this queue.
+    void sync(const Task& task);
+    const std::string& label() const;
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Counting semaphore.
+class Semaphore {
+public:
+    explicit Semaphore(long value = 0);
+    ~Semaphore();
+    void signal();
+    void wait();
+    /// Returns false when the timeout passed first.
+    bool waitFor(Duration timeout);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+/// Shorthand for queue.asyncAfter(delay, task).
+inline void after(Duration delay, Queue& queue, Task task) {
+    queue.asyncAfter(delay, std::move(task));
+}
+
+/// A one-shot or repeating timer on a run loop. The run loop keeps a scheduled timer alive
+/// until it is invalidated (a one-shot timer invalidates itself after firing). Main queue only.
+class Timer : public std::enable_shared_from_this<Timer> {
+public:
+    using Action = std::function<void(Timer&)>;
+
+    static std::shared_ptr<Timer> scheduled(Duration interval, bool repeats, Action action,
+                                            std::any userInfo = {},
+                                            RunLoop& loop = RunLoop::main());
+    void invalidate();
+    bool isValid() const;
+    /// Runs the action now; a repeating timer keeps its schedule.
+    void fire();
+    Duration interval() const;
+    bool repeats() const;
+    const std::any& userInfo() const;
+
+    ~Timer();
+
+private:
+    Timer();
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+    friend class RunLoop;
+};
+
+}  // namespace sorvan::dispatch

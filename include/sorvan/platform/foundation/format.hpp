@@ -1,0 +1,14 @@
+// printf formatting into std::string. The system's observable texts are printf formats
+// ("%f" = six decimals, "%.0f" = every integer digit, "%02X", "%015.0f"); "%@" of the
+// original becomes "%s". Thread-safe.
+#pragma once
+
+#include <cstdarg>
+#include <string>
+
+namespace sorvan {
+
+std::string strformat(const char* format, ...) __attribute__((format(printf, 1, 2)));
+std::string vstrformat(const char* format, va_list args);
+
+}  // namespace sorvan

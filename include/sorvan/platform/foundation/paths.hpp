@@ -1,0 +1,19 @@
+// Well-known directories. XDG base directories by default; SORVAN_HOME, when set, puts all of
+// them under that directory (caches, documents, preferences). Directories are not created.
+#pragma once
+
+#include <string>
+
+namespace sorvan::paths {
+
+/// The user caches directory (XDG_CACHE_HOME/sorvan or ~/.cache/sorvan; $SORVAN_HOME/caches).
+std::string caches();
+/// The documents directory (XDG_DATA_HOME/sorvan/documents; $SORVAN_HOME/documents).
+std::string documents();
+/// Where the defaults store lives (XDG_CONFIG_HOME/sorvan; $SORVAN_HOME/preferences).
+std::string preferences();
+/// Search-path directory numbers of the original platform: 13 = caches, 9 = documents.
+/// Other values give "".
+std::string forSearchPathDirectory(long directory);
+
+}  // namespace sorvan::paths

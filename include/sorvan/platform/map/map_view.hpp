@@ -1,0 +1,148 @@
+// The map engine's view: a headless, toolkit-free map with a viewport, overlays and their
+// renderers, annotations and their views, a user location and subviews drawn on top. A front
+// end (CLI renderer, interactive viewer) shows its frames and feeds it input.
+//
+// Main queue only, except where a method says otherwise. The delegate is held weakly and is
+// called on the main queue. Tile overlays are loaded on the engine's tile threads and drawn on
+// its draw threads.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "sorvan/platform/graphics/image.hpp"
+#include "sorvan/platform/map/annotation.hpp"
+#include "sorvan/platform/map/annotation_view.hpp"
+#include "sorvan/platform/map/geometry.hpp"
+#include "sorvan/platform/map/location_source.hpp"
+#include "sorvan/platform/map/overlay.hpp"
+#include "sorvan/platform/map/overlay_renderer.hpp"
+#include "sorvan/platform/ui/view.hpp"
+
+namespace sorvan::map {
+
+class MapView;
+
+class MapViewDelegate {
+public:
+    virtual ~MapViewDelegate() = default;
+    /// Asked once, the first time the annotation is on screen; the view is kept.
+    virtual std::shared_ptr<AnnotationView> viewForAnnotation(
+        MapView& mapView, const std::shared_ptr<Annotation>& annotation);
+    /// Asked synchronously when an overlay is added; the renderer is kept.
+    virtual std::shared_ptr<OverlayRenderer> rendererForOverlay(
+        MapView& mapView, const std::shared_ptr<Overlay>& overlay);
+    /// Once per completed viewport change.
+    virtual void regionDidChangeAnimated(MapView& mapView, bool animated);
+    virtual void didSelectAnnotationView(MapView& mapView,
+                                         const std::shared_ptr<AnnotationView>& view);
+    virtual void didDeselectAnnotationView(MapView& mapView,
+                                           const std::shared_ptr<AnnotationView>& view);
+};
+
+enum class MapType { Standard = 0, Satellite = 1, Hybrid = 2, MutedStandard = 5 };
+
+/// Which of the base map's own points of interest are drawn (the engine draws none; kept as
+/// a property for hosts).
+struct PointOfInterestFilter {
+    bool includesAll = true;
+    std::vector<std::string> categories;  // included categories when !includesAll
+    static PointOfInterestFilter excludingAll() { return {false, {}}; }
+};
+
+class MapView : public ui::View {
+public:
+    explicit MapView(gfx::Rect frame = {0, 0, 320, 480});
+    ~MapView() override;
+
+    void setDelegate(std::weak_ptr<MapViewDelegate> delegate);
+    std::shared_ptr<MapViewDelegate> delegate() const;
+
+    // Viewport ---------------------------------------------------------------------------
+    double screenScale() const;
+    void setScreenScale(double scale);  // 1, 2 or 3; default 2
+    Coordinate centerCoordinate() const;
+    void setCenterCoordinate(Coordinate c, bool animated = false);
+    CoordinateRegion region() const;
+    void setRegion(const CoordinateRegion& region, bool animated = false);
+    /// The region adjusted to the view's aspect ratio (never smaller than asked).
+    CoordinateRegion regionThatFits(const CoordinateRegion& region) const;
+    /// The map rect the (unrotated) viewport shows; its width / bounds width = zoom scale.
+    MapRect visibleMapRect() const;
+    void setVisibleMapRect(const MapRect& rect, bool animated = false);
+    /// Camera heading in degrees clockwise from north (the map rotates by -heading).
+    double cameraHeading() const;
+    void setCameraHeading(double degrees, bool animated = false);
+    gfx::Point convertCoordinateToPoint(Coordinate c, const ui::View* toView) const;
+    Coordinate convertPointToCoordinate(gfx::Point p, const ui::View* fromView) const;
+    void setFrame(gfx::Rect frame) override;
+
+    // Input from front ends; each completed change posts one regionDidChangeAnimated.
+    void panBy(double dxPoints, double dyPoints);
+    void zoomBy(double factor, gfx::Point aboutPoint);
+    void rotateBy(double degrees);
+    void tapAt(gfx::Point point);
+
+    // Overlays ---------------------------------------------------------------------------
+    /// Bottom first.
+    std::vector<std::shared_ptr<Overlay>> overlays() const;
+    virtual void addOverlay(const std::shared_ptr<Overlay>& overlay);
+    void insertOverlayAbove(const std::shared_ptr<Overlay>& overlay,
+                            const std::shared_ptr<Overlay>& sibling);
+    void insertOverlayAtIndex(const std::shared_ptr<Overlay>& overlay, std::size_t index);
+    virtual void removeOverlay(const std::shared_ptr<Overlay>& overlay);
+    virtual void removeOverlays(const std::vector<std::shared_ptr<Overlay>>& overlays);
+    /// The renderer kept for an overlay on the map; nullptr otherwise.
+    std::shared_ptr<OverlayRenderer> rendererForOverlay(const std::shared_ptr<Overlay>& o) const;
+
+    // Annotations ------------------------------------------------------------------------
+    std::vector<std::shared_ptr<Annotation>> annotations() const;
+    void addAnnotation(const std::shared_ptr<Annotation>& annotation);
+    void addAnnotations(const std::vector<std::shared_ptr<Annotation>>& annotations);
+    void removeAnnotation(const std::shared_ptr<Annotation>& annotation);
+    void removeAnnotations(const std::vector<std::shared_ptr<Annotation>>& annotations);
+    /// The view kept for an annotation; nullptr when none was made yet or it is off the map.
+    std::shared_ptr<AnnotationView> viewForAnnotation(
+        const std::shared_ptr<Annotation>& annotation) const;
+    std::vector<std::shared_ptr<Annotation>> selectedAnnotations() const;
+    void selectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated);
+    void deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated);
+
+    // User location ----------------------------------------------------------------------
+    bool showsUserLocation() const;
+    void setShowsUserLocation(bool shows);
+    std::shared_ptr<UserLocation> userLocation() const;
+    void setLocationSource(std::shared_ptr<LocationSource> source);
+
+    // Appearance -------------------------------------------------------------------------
+    MapType mapType() const;
+    void setMapType(MapType type);
+    PointOfInterestFilter pointOfInterestFilter() const;
+    void setPointOfInterestFilter(PointOfInterestFilter filter);
+
+    // Frames -----------------------------------------------------------------------------
+    /// The current view as an image at the screen scale. Headless: waits (pumping the main
+    /// queue) until visible tiles are loaded and drawn, or the timeout passes.
+    std::shared_ptr<gfx::Image> render(std::chrono::duration<double> timeout =
+                                           std::chrono::seconds(30));
+    /// Called (on the main queue) when new tiles or view changes need a new frame.
+    void setNeedsDisplayCallback(std::function<void()> callback);
+    void setNeedsDisplay() override;
+    /// Number of tile threads (default 4); set before the first overlay is added.
+    void setTileThreadCount(int count);
+
+    void layoutSubviews() override;
+
+protected:
+    /// The base-class behaviour without the virtual dispatch, for subclasses that override.
+    void baseAddOverlay(const std::shared_ptr<Overlay>& overlay);
+    void baseRemoveOverlays(const std::vector<std::shared_ptr<Overlay>>& overlays);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace sorvan::map

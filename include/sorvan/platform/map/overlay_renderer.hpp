@@ -1,0 +1,77 @@
+// Renderers draw overlays. drawMapRect() is called on draw threads, possibly several at once
+// for different tiles; everything else on the main queue.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+
+#include "sorvan/platform/graphics/geometry.hpp"
+#include "sorvan/platform/map/overlay.hpp"
+#include "sorvan/platform/map/tile_overlay.hpp"
+
+typedef struct _cairo cairo_t;
+
+namespace sorvan::map {
+
+class MapView;
+
+class OverlayRenderer : public std::enable_shared_from_this<OverlayRenderer> {
+public:
+    explicit OverlayRenderer(std::shared_ptr<Overlay> overlay);
+    virtual ~OverlayRenderer() = default;
+
+    std::shared_ptr<Overlay> overlay() const { return overlay_; }
+    double alpha() const { return alpha_.load(); }
+    void setAlpha(double a) { alpha_.store(a); }
+
+    /// Draws the part of the overlay inside mapRect. The context's user space is in map points
+    /// (already scaled and translated); zoomScale = screen points per map point of the tile
+    /// being drawn. Called on draw threads.
+    virtual void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context);
+    /// Whether drawMapRect() has anything to draw now; tile renderers answer whether the tile
+    /// is loaded. Called on draw threads.
+    virtual bool canDrawMapRect(const MapRect& mapRect, double zoomScale);
+
+    /// Asks the map to redraw the whole overlay (main queue).
+    void setNeedsDisplay();
+    void setNeedsDisplayInMapRect(const MapRect& rect);
+
+    /// The map view that shows this renderer, if any (set by the engine).
+    std::shared_ptr<MapView> mapView() const { return mapView_.lock(); }
+    void attach(const std::weak_ptr<MapView>& view) { mapView_ = view; }
+
+private:
+    std::shared_ptr<Overlay> overlay_;
+    std::atomic<double> alpha_{1.0};
+    std::weak_ptr<MapView> mapView_;
+};
+
+/// Draws a tile overlay's tiles. The base drawMapRect draws the tile image with alpha().
+class TileOverlayRenderer : public OverlayRenderer {
+public:
+    explicit TileOverlayRenderer(std::shared_ptr<TileOverlay> overlay);
+    std::shared_ptr<TileOverlay> tileOverlay() const;
+    void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context) override;
+    bool canDrawMapRect(const MapRect& mapRect, double zoomScale) override;
+    /// Forgets loaded tiles and loads and draws every visible tile again (main queue).
+    virtual void reloadData();
+};
+
+/// Strokes a polyline.
+class PolylineRenderer : public OverlayRenderer {
+public:
+    explicit PolylineRenderer(std::shared_ptr<Polyline> polyline);
+    gfx::Color strokeColor() const;
+    void setStrokeColor(gfx::Color c);
+    double lineWidth() const;  // points
+    void setLineWidth(double w);
+    void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context) override;
+
+private:
+    mutable std::mutex mutex_;
+    gfx::Color strokeColor_{0.0, 0.45, 0.9, 0.85};
+    double lineWidth_ = 5.0;
+};
+
+}  // namespace sorvan::map

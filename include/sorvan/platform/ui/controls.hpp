@@ -1,0 +1,101 @@
+// Image views, attributed text, buttons and the web view. Main queue only.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "sorvan/platform/graphics/image.hpp"
+#include "sorvan/platform/ui/view.hpp"
+
+namespace sorvan::ui {
+
+class ImageView : public View {
+public:
+    explicit ImageView(std::shared_ptr<gfx::Image> image = nullptr);
+    std::shared_ptr<gfx::Image> image() const { return image_; }
+    void setImage(std::shared_ptr<gfx::Image> image);
+    void draw(cairo_t* context, gfx::Rect bounds) override;
+
+private:
+    std::shared_ptr<gfx::Image> image_;
+};
+
+enum class TextAlignment { Left = 0, Center = 1, Right = 2 };
+enum class FontWeight { Regular, Bold };
+
+struct TextAttributes {
+    std::string fontFamily = "Sans";  // Pango family; Thai falls back through fontconfig
+    FontWeight weight = FontWeight::Regular;
+    double size = 12.0;  // points
+    gfx::Color foreground = gfx::Color::black();
+    bool underline = false;
+    TextAlignment alignment = TextAlignment::Left;
+};
+
+/// Text with runs of attributes.
+class AttributedString {
+public:
+    AttributedString() = default;
+    AttributedString(std::string text, TextAttributes attributes);
+    void append(const AttributedString& other);
+    std::string string() const;
+    struct Run {
+        std::string text;
+        TextAttributes attributes;
+    };
+    const std::vector<Run>& runs() const { return runs_; }
+
+private:
+    std::vector<Run> runs_;
+};
+
+/// Lays out and draws attributed text with Pango (Thai shaping included).
+gfx::Size measureText(const AttributedString& text, double maxWidth);
+void drawText(cairo_t* context, const AttributedString& text, gfx::Rect rect);
+
+enum class ControlState : unsigned { Normal = 0, Highlighted = 1, Disabled = 2, Selected = 4 };
+enum class ControlEvent : unsigned { TouchDown = 1, TouchUpInside = 64, ValueChanged = 4096 };
+
+class Button : public View {
+public:
+    explicit Button(gfx::Rect frame = {});
+    void setAttributedTitle(AttributedString title, ControlState state = ControlState::Normal);
+    const AttributedString* attributedTitle(ControlState state = ControlState::Normal) const;
+    /// Target-action: the action runs when the event is sent. Returns a token for removal.
+    int addTarget(std::function<void()> action, ControlEvent event);
+    void removeTarget(int token);
+    /// Sends an event as a tap would.
+    void sendActions(ControlEvent event);
+    void draw(cairo_t* context, gfx::Rect bounds) override;
+
+private:
+    std::map<unsigned, AttributedString> titles_;
+    struct Target {
+        int token;
+        ControlEvent event;
+        std::function<void()> action;
+    };
+    std::vector<Target> targets_;
+    int nextToken_ = 1;
+};
+
+/// Holds loaded HTML; a front end with a web engine shows it. Headless it draws nothing but a
+/// neutral placeholder.
+class WebView : public View {
+public:
+    explicit WebView(gfx::Rect frame = {});
+    void loadHTMLString(std::string html, std::string baseURL = "");
+    const std::string& htmlString() const { return html_; }
+    const std::string& baseURL() const { return baseURL_; }
+    bool scrollEnabled() const { return scrollEnabled_; }
+    void setScrollEnabled(bool e) { scrollEnabled_ = e; }
+
+private:
+    std::string html_, baseURL_;
+    bool scrollEnabled_ = true;
+};
+
+}  // namespace sorvan::ui
