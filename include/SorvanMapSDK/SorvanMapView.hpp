@@ -37,26 +37,26 @@ class SMRouteResult;
 
 /// Receives the raw answers of data-template tile layers (format 3).
 class SMTileDataDelegate {
-public:
+  public:
     virtual ~SMTileDataDelegate() = default;
     virtual void dataFromTile(const net::Data& data) = 0;
 };
 
 /// Result blocks of the completion-style services. Exactly one argument is set, except a
 /// malformed route answer, which gives neither.
-using SMSearchResult = std::function<void(
-    const std::optional<std::vector<std::shared_ptr<SMPinAnnotation>>>& pins,
-    const std::optional<net::Error>& error)>;
+using SMSearchResult =
+    std::function<void(const std::optional<std::vector<std::shared_ptr<SMPinAnnotation>>>& pins,
+                       const std::optional<net::Error>& error)>;
 using SMSuggestResult = std::function<void(const std::optional<std::vector<std::string>>& words,
                                            const std::optional<net::Error>& error)>;
 using SMRouteResultBlock = std::function<void(const std::shared_ptr<SMRouteResult>& result,
                                               const std::optional<net::Error>& error)>;
-using SMPathResult = std::function<void(
-    const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& polylines,
-    const std::optional<net::Error>& error)>;
+using SMPathResult =
+    std::function<void(const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& polylines,
+                       const std::optional<net::Error>& error)>;
 
 class SorvanMapView : public map::MapView, public map::MapViewDelegate {
-public:
+  public:
     /// A new view that is its own map delegate. Runs the class start-up on first use.
     static std::shared_ptr<SorvanMapView> create(gfx::Rect frame = {0, 0, 320, 480});
     /// Class start-up: the version banner and the "cacheVersion" reconciliation. Runs once
@@ -64,8 +64,8 @@ public:
     static void initialize();
     ~SorvanMapView() override;
 
-    using map::MapView::rendererForOverlay;
     using map::MapView::removeOverlay;
+    using map::MapView::rendererForOverlay;
     using map::MapView::viewForAnnotation;
     using map::MapViewDelegate::rendererForOverlay;
     using map::MapViewDelegate::viewForAnnotation;
@@ -89,7 +89,9 @@ public:
     void layoutSubviews() override;
     void updateCrosshair();
     std::shared_ptr<ui::ImageView> crosshair() const { return crosshair_; }
-    void setCrosshair(std::shared_ptr<ui::ImageView> crosshair) { crosshair_ = std::move(crosshair); }
+    void setCrosshair(std::shared_ptr<ui::ImageView> crosshair) {
+        crosshair_ = std::move(crosshair);
+    }
     void openTerm();
 
     std::shared_ptr<SMSearchDelegate> searchDelegate() const { return searchDelegate_.lock(); }
@@ -113,8 +115,7 @@ public:
     void addSMLayers(const std::vector<std::shared_ptr<SMLayer>>& layers);
     void addCustomOverlayWithURL(const std::string& urlTemplate, std::int64_t format,
                                  const std::string& referer);
-    void addSMOverlays(const std::vector<std::int64_t>& modes,
-                       const std::vector<std::string>& urls,
+    void addSMOverlays(const std::vector<std::int64_t>& modes, const std::vector<std::string>& urls,
                        const std::vector<std::int64_t>& formats,
                        const std::vector<std::string>& referers);
     void addTrafficLayer(dispatch::Timer& timer);
@@ -155,10 +156,10 @@ public:
                    const std::shared_ptr<SMRouteOptions>& options, SMRouteResultBlock result);
     void pathFrom(std::int64_t routeId, SMPathResult result);
 
-protected:
+  protected:
     explicit SorvanMapView(gfx::Rect frame);
 
-private:
+  private:
     std::weak_ptr<SorvanMapView> weakSelf() {
         return std::static_pointer_cast<SorvanMapView>(shared_from_this());
     }

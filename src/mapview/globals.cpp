@@ -50,28 +50,72 @@ void set(T State::*field, T value) {
 
 }  // namespace
 
-std::string apikey() { return get(&State::apikey); }
-void setApikey(std::string key) { set(&State::apikey, std::move(key)); }
-std::optional<net::URL> boxDomain() { return get(&State::boxDomain); }
-void setBoxDomain(std::optional<net::URL> d) { set(&State::boxDomain, std::move(d)); }
-std::int64_t cache() { return get(&State::cache); }
-void setCache(std::int64_t mode) { set(&State::cache, mode); }
-std::int32_t currentZoom() { return get(&State::currentZoom); }
-void setCurrentZoom(std::int32_t zoom) { set(&State::currentZoom, zoom); }
-double currentHeading() { return get(&State::currentHeading); }
-void setCurrentHeading(double heading) { set(&State::currentHeading, heading); }
-std::optional<net::URL> layerServer() { return get(&State::layerServer); }
-void setLayerServer(std::optional<net::URL> url) { set(&State::layerServer, std::move(url)); }
-std::optional<net::URL> trafficServer() { return get(&State::trafficServer); }
-void setTrafficServer(std::optional<net::URL> url) { set(&State::trafficServer, std::move(url)); }
-std::shared_ptr<ui::Button> legalLabel() { return get(&State::legalLabel); }
-void setLegalLabel(std::shared_ptr<ui::Button> l) { set(&State::legalLabel, std::move(l)); }
-std::shared_ptr<dispatch::Timer> trafficTimer() { return get(&State::trafficTimer); }
-void setTrafficTimer(std::shared_ptr<dispatch::Timer> t) { set(&State::trafficTimer, std::move(t)); }
-bool isTrafficShowed() { return get(&State::isTrafficShowed); }
-void setIsTrafficShowed(bool shown) { set(&State::isTrafficShowed, shown); }
-std::shared_ptr<dispatch::Timer> eventTimer() { return get(&State::eventTimer); }
-void setEventTimer(std::shared_ptr<dispatch::Timer> t) { set(&State::eventTimer, std::move(t)); }
+std::string apikey() {
+    return get(&State::apikey);
+}
+void setApikey(std::string key) {
+    set(&State::apikey, std::move(key));
+}
+std::optional<net::URL> boxDomain() {
+    return get(&State::boxDomain);
+}
+void setBoxDomain(std::optional<net::URL> d) {
+    set(&State::boxDomain, std::move(d));
+}
+std::int64_t cache() {
+    return get(&State::cache);
+}
+void setCache(std::int64_t mode) {
+    set(&State::cache, mode);
+}
+std::int32_t currentZoom() {
+    return get(&State::currentZoom);
+}
+void setCurrentZoom(std::int32_t zoom) {
+    set(&State::currentZoom, zoom);
+}
+double currentHeading() {
+    return get(&State::currentHeading);
+}
+void setCurrentHeading(double heading) {
+    set(&State::currentHeading, heading);
+}
+std::optional<net::URL> layerServer() {
+    return get(&State::layerServer);
+}
+void setLayerServer(std::optional<net::URL> url) {
+    set(&State::layerServer, std::move(url));
+}
+std::optional<net::URL> trafficServer() {
+    return get(&State::trafficServer);
+}
+void setTrafficServer(std::optional<net::URL> url) {
+    set(&State::trafficServer, std::move(url));
+}
+std::shared_ptr<ui::Button> legalLabel() {
+    return get(&State::legalLabel);
+}
+void setLegalLabel(std::shared_ptr<ui::Button> l) {
+    set(&State::legalLabel, std::move(l));
+}
+std::shared_ptr<dispatch::Timer> trafficTimer() {
+    return get(&State::trafficTimer);
+}
+void setTrafficTimer(std::shared_ptr<dispatch::Timer> t) {
+    set(&State::trafficTimer, std::move(t));
+}
+bool isTrafficShowed() {
+    return get(&State::isTrafficShowed);
+}
+void setIsTrafficShowed(bool shown) {
+    set(&State::isTrafficShowed, shown);
+}
+std::shared_ptr<dispatch::Timer> eventTimer() {
+    return get(&State::eventTimer);
+}
+void setEventTimer(std::shared_ptr<dispatch::Timer> t) {
+    set(&State::eventTimer, std::move(t));
+}
 
 void resetForTesting() {
     State fresh = initialState();

@@ -16,7 +16,7 @@ using Value = nlohmann::json;
 
 /// Raised when a walk reads a structure of the wrong kind; reason() names what was found.
 class StructureError : public std::runtime_error {
-public:
+  public:
     using std::runtime_error::runtime_error;
     std::string reason() const { return what(); }
 };

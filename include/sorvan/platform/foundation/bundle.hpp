@@ -13,7 +13,7 @@ class Image;
 }
 
 class Bundle {
-public:
+  public:
     /// The host application's bundle.
     static Bundle& main();
     /// The kit's own bundle (its pictures and version).
@@ -37,7 +37,7 @@ public:
 
     ~Bundle();
 
-private:
+  private:
     explicit Bundle(bool kit);
     struct Impl;
     std::unique_ptr<Impl> impl_;
@@ -45,7 +45,7 @@ private:
 
 /// Opening a URL with the desktop (xdg-open) or a handler the host sets.
 class Application {
-public:
+  public:
     using Handler = std::function<bool(const std::string& url)>;
     static void setOpenURLHandler(Handler handler);
     static bool openURL(const std::string& url);

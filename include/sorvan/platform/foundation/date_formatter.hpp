@@ -12,7 +12,7 @@ namespace sorvan {
 using Date = std::chrono::system_clock::time_point;
 
 class DateFormatter {
-public:
+  public:
     /// Only the pattern "yyyy-MM-dd HH:mm:ss" and locale "en_US" are supported; others throw
     /// std::invalid_argument.
     explicit DateFormatter(std::string pattern = "yyyy-MM-dd HH:mm:ss",
@@ -20,7 +20,7 @@ public:
     std::optional<Date> dateFromString(std::string_view text) const;
     std::string stringFromDate(Date date) const;
 
-private:
+  private:
     std::string pattern_, locale_;
 };
 

@@ -12,7 +12,7 @@
 namespace sorvan {
 
 class Defaults {
-public:
+  public:
     /// The store of this application (file named after Bundle::main().identifier()).
     static Defaults& standard();
     /// A store in a file of its own (tests).
@@ -34,7 +34,7 @@ public:
     Defaults(const Defaults&) = delete;
     Defaults& operator=(const Defaults&) = delete;
 
-private:
+  private:
     explicit Defaults(const std::string& path);
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -20,26 +20,26 @@ using Duration = std::chrono::duration<double>;  // seconds
 
 /// Time source for delayed tasks and timers. Tests install a ManualClock to skip 180 s.
 class Clock {
-public:
+  public:
     virtual ~Clock() = default;
     virtual std::chrono::steady_clock::time_point now() const = 0;
 };
 
 /// A clock that moves only when advance() is called. Thread-safe.
 class ManualClock final : public Clock {
-public:
+  public:
     ManualClock();
     std::chrono::steady_clock::time_point now() const override;
     void advance(Duration by);
 
-private:
+  private:
     struct Impl;
     std::shared_ptr<Impl> impl_;
 };
 
 /// Something tasks can be submitted to.
 class Queue {
-public:
+  public:
     virtual ~Queue() = default;
     virtual void async(Task task) = 0;
     virtual void asyncAfter(Duration delay, Task task) = 0;
@@ -49,7 +49,7 @@ public:
 
 /// A run loop: the main queue, plus the timers scheduled on it.
 class RunLoop final : public Queue {
-public:
+  public:
     /// The process's main run loop. The first thread to call run()/runUntil() drives it.
     static RunLoop& main();
 
@@ -74,7 +74,7 @@ public:
     RunLoop& operator=(const RunLoop&) = delete;
     ~RunLoop() override;
 
-private:
+  private:
     RunLoop();
     friend class Timer;
     struct Impl;
@@ -83,7 +83,7 @@ private:
 
 /// Runs tasks one at a time, in order, on a thread of its own.
 class SerialQueue final : public Queue {
-public:
+  public:
     explicit SerialQueue(std::string label);
     ~SerialQueue() override;  // runs the tasks already queued, then joins
     void async(Task task) override;
@@ -93,14 +93,14 @@ public:
     void sync(const Task& task);
     const std::string& label() const;
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
 
 /// Counting semaphore.
 class Semaphore {
-public:
+  public:
     explicit Semaphore(long value = 0);
     ~Semaphore();
     void signal();
@@ -108,7 +108,7 @@ public:
     /// Returns false when the timeout passed first.
     bool waitFor(Duration timeout);
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
@@ -121,7 +121,7 @@ inline void after(Duration delay, Queue& queue, Task task) {
 /// A one-shot or repeating timer on a run loop. The run loop keeps a scheduled timer alive
 /// until it is invalidated (a one-shot timer invalidates itself after firing). Main queue only.
 class Timer : public std::enable_shared_from_this<Timer> {
-public:
+  public:
     using Action = std::function<void(Timer&)>;
 
     static std::shared_ptr<Timer> scheduled(Duration interval, bool repeats, Action action,
@@ -137,7 +137,7 @@ public:
 
     ~Timer();
 
-private:
+  private:
     Timer();
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -21,7 +21,7 @@ Sink setSink(Sink sink);
 
 /// Captures every line written while it lives (and still forwards nothing to stderr).
 class Capture {
-public:
+  public:
     Capture();
     ~Capture();
     std::vector<std::string> lines() const;
@@ -29,7 +29,7 @@ public:
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;
 
-private:
+  private:
     struct Impl;
     std::shared_ptr<Impl> impl_;
 };

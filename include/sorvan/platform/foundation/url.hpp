@@ -11,7 +11,7 @@ namespace sorvan::net {
 /// letter or digit, one of !$&'()*+,-./:;=?@_~[] , a '%' followed by two hex digits, or a
 /// single '#'. The empty string is no URL.
 class URL {
-public:
+  public:
     /// nullopt when the text is no URL.
     static std::optional<URL> fromString(std::string_view text);
 
@@ -19,14 +19,14 @@ public:
     std::string scheme() const;
     std::string host() const;
     std::optional<int> port() const;
-    std::string path() const;  // "" when there is none
+    std::string path() const;   // "" when there is none
     std::string query() const;  // without '?', "" when there is none
     /// The URL with a path component appended ("a/b" + "c" -> "a/b/c").
     URL appendingPathComponent(std::string_view component) const;
 
     bool operator==(const URL& other) const { return text_ == other.text_; }
 
-private:
+  private:
     explicit URL(std::string text) : text_(std::move(text)) {}
     std::string text_;
 };
@@ -35,7 +35,7 @@ private:
 /// letters, digits and !$&'()*+,-./:;=?@_~ (so '&', '=', '+' pass and '%', '#', '[', ']',
 /// space and non-ASCII bytes are encoded).
 class URLComponents {
-public:
+  public:
     /// nullopt when the text is no URL.
     static std::optional<URLComponents> fromString(std::string_view text);
 
@@ -53,7 +53,7 @@ public:
     std::optional<URL> url() const;
     std::string string() const;
 
-private:
+  private:
     URLComponents() = default;
     std::string scheme_, userInfo_, host_, path_;
     std::optional<int> port_;

@@ -29,7 +29,7 @@ enum class CachePolicy {
 
 /// A GET request. Default timeout 60 s, as on the platform the system was made for.
 class URLRequest {
-public:
+  public:
     explicit URLRequest(URL url) : url_(std::move(url)) {}
     const URL& url() const { return url_; }
     const std::string& httpMethod() const { return method_; }
@@ -44,7 +44,7 @@ public:
     CachePolicy cachePolicy() const { return cachePolicy_; }
     void setCachePolicy(CachePolicy p) { cachePolicy_ = p; }
 
-private:
+  private:
     URL url_;
     std::string method_ = "GET";
     std::vector<std::pair<std::string, std::string>> headers_;
@@ -73,7 +73,7 @@ using CompletionHandler = std::function<void(const std::optional<Data>& data,
 
 /// A handle on one transfer. Dropping it does not cancel the transfer.
 class DataTask {
-public:
+  public:
     virtual ~DataTask() = default;
     virtual void cancel() = 0;
     virtual std::uint64_t identifier() const = 0;
@@ -81,7 +81,7 @@ public:
 
 /// Memory and disk cache of GET responses with status 200, keyed by the absolute URL.
 class URLCache {
-public:
+  public:
     static URLCache& shared();
     std::optional<Data> cachedData(const URL& url) const;
     void store(const URL& url, const HTTPURLResponse& response, const Data& data);
@@ -90,7 +90,7 @@ public:
     URLCache& operator=(const URLCache&) = delete;
     ~URLCache();
 
-private:
+  private:
     URLCache();
     struct Impl;
     std::unique_ptr<Impl> impl_;
@@ -104,7 +104,7 @@ struct URLSessionConfiguration {
 };
 
 class URLSession {
-public:
+  public:
     /// The process's shared session.
     static URLSession& shared();
     /// A session of its own (it shares the network thread of the shared session).
@@ -123,7 +123,7 @@ public:
     URLSession(const URLSession&) = delete;
     URLSession& operator=(const URLSession&) = delete;
 
-private:
+  private:
     explicit URLSession(URLSessionConfiguration configuration);
     struct Impl;
     std::unique_ptr<Impl> impl_;

@@ -20,10 +20,9 @@ struct PNGOptions {
 };
 
 class Image {
-public:
+  public:
     /// Decodes PNG or JPEG bytes; nullptr when they are neither. Scale: pixels per point.
-    static std::shared_ptr<Image> fromData(std::span<const std::uint8_t> bytes,
-                                           double scale = 1.0);
+    static std::shared_ptr<Image> fromData(std::span<const std::uint8_t> bytes, double scale = 1.0);
     static std::shared_ptr<Image> fromFile(const std::string& path, double scale = 1.0);
     /// Wraps premultiplied ARGB32 pixels (native-endian uint32, cairo's layout), row stride in
     /// bytes = 4 * width.
@@ -49,7 +48,7 @@ public:
     /// Writes PNG bytes atomically (temporary file + rename). Returns false on an I/O error.
     bool writePNG(const std::string& path, const PNGOptions& options = {}) const;
 
-private:
+  private:
     Image(int w, int h, std::vector<std::uint32_t> px, double scale);
     int width_ = 0, height_ = 0;
     double scale_ = 1.0;

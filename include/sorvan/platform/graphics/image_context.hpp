@@ -12,7 +12,7 @@ typedef struct _cairo cairo_t;
 namespace sorvan::gfx {
 
 class ImageContext {
-public:
+  public:
     /// A transparent surface of size * scale pixels (rounded up).
     ImageContext(Size size, double scale = 1.0);
     ~ImageContext();
@@ -31,7 +31,7 @@ public:
     /// The cairo context (user space in points) for drawing beyond the helpers above.
     cairo_t* cairo();
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

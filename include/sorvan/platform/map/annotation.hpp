@@ -11,7 +11,7 @@
 namespace sorvan::map {
 
 class Annotation : public std::enable_shared_from_this<Annotation> {
-public:
+  public:
     virtual ~Annotation() = default;
     virtual Coordinate coordinate() const = 0;
     virtual std::optional<std::string> title() const { return std::nullopt; }
@@ -20,7 +20,7 @@ public:
 
 /// A plain annotation with a settable coordinate and title.
 class PointAnnotation : public Annotation {
-public:
+  public:
     PointAnnotation() = default;
     explicit PointAnnotation(Coordinate c, std::optional<std::string> title = std::nullopt)
         : coordinate_(c), title_(std::move(title)) {}
@@ -29,14 +29,14 @@ public:
     std::optional<std::string> title() const override { return title_; }
     void setTitle(std::optional<std::string> t) { title_ = std::move(t); }
 
-private:
+  private:
     Coordinate coordinate_;
     std::optional<std::string> title_;
 };
 
 /// The device's position as the map's location source reports it; one per map view.
 class UserLocation : public Annotation {
-public:
+  public:
     Coordinate coordinate() const override { return coordinate_; }
     bool isUpdating() const { return updating_; }
     /// Last heading in degrees, if the source gives one.
@@ -49,7 +49,7 @@ public:
         updating_ = true;
     }
 
-private:
+  private:
     Coordinate coordinate_;
     std::optional<double> heading_;
     bool updating_ = false;

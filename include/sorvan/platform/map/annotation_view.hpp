@@ -12,7 +12,7 @@
 namespace sorvan::map {
 
 class AnnotationView : public ui::View {
-public:
+  public:
     explicit AnnotationView(std::shared_ptr<Annotation> annotation,
                             std::string reuseIdentifier = "");
 
@@ -24,15 +24,21 @@ public:
     void setImage(std::shared_ptr<gfx::Image> image);
     /// Offset of the view's centre from the annotation's point, in points.
     gfx::Point centerOffset() const { return centerOffset_; }
-    void setCenterOffset(gfx::Point o) { centerOffset_ = o; setNeedsDisplay(); }
+    void setCenterOffset(gfx::Point o) {
+        centerOffset_ = o;
+        setNeedsDisplay();
+    }
     bool canShowCallout() const { return canShowCallout_; }
     void setCanShowCallout(bool v) { canShowCallout_ = v; }
     bool isSelected() const { return selected_; }
-    void setSelected(bool s) { selected_ = s; setNeedsDisplay(); }
+    void setSelected(bool s) {
+        selected_ = s;
+        setNeedsDisplay();
+    }
 
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
-private:
+  private:
     std::weak_ptr<Annotation> annotation_;
     std::string reuseIdentifier_;
     std::shared_ptr<gfx::Image> image_;
@@ -43,15 +49,18 @@ private:
 
 /// A classic pin, tinted, with an optional drop animation when it first appears.
 class PinAnnotationView : public AnnotationView {
-public:
+  public:
     using AnnotationView::AnnotationView;
     gfx::Color pinTintColor() const { return tint_; }
-    void setPinTintColor(gfx::Color c) { tint_ = c; setNeedsDisplay(); }
+    void setPinTintColor(gfx::Color c) {
+        tint_ = c;
+        setNeedsDisplay();
+    }
     bool animatesDrop() const { return animatesDrop_; }
     void setAnimatesDrop(bool v) { animatesDrop_ = v; }
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
-private:
+  private:
     gfx::Color tint_ = gfx::Color::red();
     bool animatesDrop_ = false;
 };

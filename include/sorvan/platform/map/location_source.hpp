@@ -23,7 +23,7 @@ struct HeadingFix {
 };
 
 class LocationSource {
-public:
+  public:
     struct Listener {
         std::function<void(const LocationFix&)> didUpdateLocation;
         std::function<void(const HeadingFix&)> didUpdateHeading;

@@ -26,7 +26,7 @@ namespace sorvan::map {
 class MapView;
 
 class MapViewDelegate {
-public:
+  public:
     virtual ~MapViewDelegate() = default;
     /// Asked once, the first time the annotation is on screen; the view is kept.
     virtual std::shared_ptr<AnnotationView> viewForAnnotation(
@@ -53,7 +53,7 @@ struct PointOfInterestFilter {
 };
 
 class MapView : public ui::View {
-public:
+  public:
     explicit MapView(gfx::Rect frame = {0, 0, 320, 480});
     ~MapView() override;
 
@@ -125,8 +125,8 @@ public:
     // Frames -----------------------------------------------------------------------------
     /// The current view as an image at the screen scale. Headless: waits (pumping the main
     /// queue) until visible tiles are loaded and drawn, or the timeout passes.
-    std::shared_ptr<gfx::Image> render(std::chrono::duration<double> timeout =
-                                           std::chrono::seconds(30));
+    std::shared_ptr<gfx::Image> render(
+        std::chrono::duration<double> timeout = std::chrono::seconds(30));
     /// Called (on the main queue) when new tiles or view changes need a new frame.
     void setNeedsDisplayCallback(std::function<void()> callback);
     void setNeedsDisplay() override;
@@ -135,12 +135,12 @@ public:
 
     void layoutSubviews() override;
 
-protected:
+  protected:
     /// The base-class behaviour without the virtual dispatch, for subclasses that override.
     void baseAddOverlay(const std::shared_ptr<Overlay>& overlay);
     void baseRemoveOverlays(const std::vector<std::shared_ptr<Overlay>>& overlays);
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

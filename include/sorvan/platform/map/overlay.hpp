@@ -11,7 +11,7 @@
 namespace sorvan::map {
 
 class Overlay : public std::enable_shared_from_this<Overlay> {
-public:
+  public:
     virtual ~Overlay() = default;
     /// The area the overlay covers; the whole world by default.
     virtual MapRect boundingMapRect() const;
@@ -20,7 +20,7 @@ public:
 
 /// A shape with a vertex list in map points.
 class MultiPoint : public Overlay {
-public:
+  public:
     MultiPoint() = default;
     explicit MultiPoint(std::vector<MapPoint> points);
     std::size_t pointCount() const { return points_.size(); }
@@ -28,18 +28,18 @@ public:
     std::vector<Coordinate> coordinates() const;
     MapRect boundingMapRect() const override;
 
-private:
+  private:
     std::vector<MapPoint> points_;
 };
 
 class Polygon : public MultiPoint {
-public:
+  public:
     using MultiPoint::MultiPoint;
     static std::shared_ptr<Polygon> withCoordinates(const Coordinate* coords, std::size_t count);
 };
 
 class Polyline : public MultiPoint {
-public:
+  public:
     using MultiPoint::MultiPoint;
     static std::shared_ptr<Polyline> withCoordinates(const Coordinate* coords, std::size_t count);
 };

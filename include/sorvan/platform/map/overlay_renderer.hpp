@@ -17,7 +17,7 @@ namespace sorvan::map {
 class MapView;
 
 class OverlayRenderer : public std::enable_shared_from_this<OverlayRenderer> {
-public:
+  public:
     explicit OverlayRenderer(std::shared_ptr<Overlay> overlay);
     virtual ~OverlayRenderer() = default;
 
@@ -41,7 +41,7 @@ public:
     std::shared_ptr<MapView> mapView() const { return mapView_.lock(); }
     void attach(const std::weak_ptr<MapView>& view) { mapView_ = view; }
 
-private:
+  private:
     std::shared_ptr<Overlay> overlay_;
     std::atomic<double> alpha_{1.0};
     std::weak_ptr<MapView> mapView_;
@@ -49,7 +49,7 @@ private:
 
 /// Draws a tile overlay's tiles. The base drawMapRect draws the tile image with alpha().
 class TileOverlayRenderer : public OverlayRenderer {
-public:
+  public:
     explicit TileOverlayRenderer(std::shared_ptr<TileOverlay> overlay);
     std::shared_ptr<TileOverlay> tileOverlay() const;
     void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context) override;
@@ -60,7 +60,7 @@ public:
 
 /// Strokes a polyline.
 class PolylineRenderer : public OverlayRenderer {
-public:
+  public:
     explicit PolylineRenderer(std::shared_ptr<Polyline> polyline);
     gfx::Color strokeColor() const;
     void setStrokeColor(gfx::Color c);
@@ -68,7 +68,7 @@ public:
     void setLineWidth(double w);
     void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context) override;
 
-private:
+  private:
     mutable std::mutex mutex_;
     gfx::Color strokeColor_{0.0, 0.45, 0.9, 0.85};
     double lineWidth_ = 5.0;

@@ -14,10 +14,10 @@
 namespace sorvan::map {
 
 class TileOverlay : public Overlay {
-public:
+  public:
     /// data: encoded image bytes (empty = no picture); error: set when loading failed.
-    using TileResult = std::function<void(std::vector<std::uint8_t> data,
-                                          std::optional<std::string> error)>;
+    using TileResult =
+        std::function<void(std::vector<std::uint8_t> data, std::optional<std::string> error)>;
 
     TileOverlay() = default;
     ~TileOverlay() override = default;
@@ -37,7 +37,7 @@ public:
     /// answers empty data.
     virtual void loadTileAtPath(const TilePath& path, TileResult result);
 
-private:
+  private:
     gfx::Size tileSize_{256, 256};
     std::int64_t minimumZ_ = 0, maximumZ_ = 21;
     bool canReplaceMapContent_ = false;

@@ -13,13 +13,13 @@
 namespace sorvan::ui {
 
 class ImageView : public View {
-public:
+  public:
     explicit ImageView(std::shared_ptr<gfx::Image> image = nullptr);
     std::shared_ptr<gfx::Image> image() const { return image_; }
     void setImage(std::shared_ptr<gfx::Image> image);
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
-private:
+  private:
     std::shared_ptr<gfx::Image> image_;
 };
 
@@ -37,7 +37,7 @@ struct TextAttributes {
 
 /// Text with runs of attributes.
 class AttributedString {
-public:
+  public:
     AttributedString() = default;
     AttributedString(std::string text, TextAttributes attributes);
     void append(const AttributedString& other);
@@ -48,7 +48,7 @@ public:
     };
     const std::vector<Run>& runs() const { return runs_; }
 
-private:
+  private:
     std::vector<Run> runs_;
 };
 
@@ -60,7 +60,7 @@ enum class ControlState : unsigned { Normal = 0, Highlighted = 1, Disabled = 2, 
 enum class ControlEvent : unsigned { TouchDown = 1, TouchUpInside = 64, ValueChanged = 4096 };
 
 class Button : public View {
-public:
+  public:
     explicit Button(gfx::Rect frame = {});
     void setAttributedTitle(AttributedString title, ControlState state = ControlState::Normal);
     const AttributedString* attributedTitle(ControlState state = ControlState::Normal) const;
@@ -71,7 +71,7 @@ public:
     void sendActions(ControlEvent event);
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
-private:
+  private:
     std::map<unsigned, AttributedString> titles_;
     struct Target {
         int token;
@@ -85,7 +85,7 @@ private:
 /// Holds loaded HTML; a front end with a web engine shows it. Headless it draws nothing but a
 /// neutral placeholder.
 class WebView : public View {
-public:
+  public:
     explicit WebView(gfx::Rect frame = {});
     void loadHTMLString(std::string html, std::string baseURL = "");
     const std::string& htmlString() const { return html_; }
@@ -93,7 +93,7 @@ public:
     bool scrollEnabled() const { return scrollEnabled_; }
     void setScrollEnabled(bool e) { scrollEnabled_ = e; }
 
-private:
+  private:
     std::string html_, baseURL_;
     bool scrollEnabled_ = true;
 };

@@ -11,19 +11,27 @@ namespace sorvan::ui {
 class View;
 
 enum class LayoutAttribute {
-    NotAnAttribute, Left, Right, Top, Bottom, Leading, Trailing, Width, Height, CenterX, CenterY
+    NotAnAttribute,
+    Left,
+    Right,
+    Top,
+    Bottom,
+    Leading,
+    Trailing,
+    Width,
+    Height,
+    CenterX,
+    CenterY
 };
 enum class LayoutRelation { LessThanOrEqual = -1, Equal = 0, GreaterThanOrEqual = 1 };
 
 class LayoutConstraint {
-public:
+  public:
     /// item2 may be null for a constant (width, height) constraint.
     static std::shared_ptr<LayoutConstraint> create(const std::shared_ptr<View>& item1,
-                                                    LayoutAttribute attr1,
-                                                    LayoutRelation relation,
+                                                    LayoutAttribute attr1, LayoutRelation relation,
                                                     const std::shared_ptr<View>& item2,
-                                                    LayoutAttribute attr2,
-                                                    double multiplier = 1.0,
+                                                    LayoutAttribute attr2, double multiplier = 1.0,
                                                     double constant = 0.0);
     /// Activating installs the constraint on the items' nearest common ancestor.
     static void activate(std::initializer_list<std::shared_ptr<LayoutConstraint>> constraints);
@@ -40,7 +48,7 @@ public:
     std::shared_ptr<View> firstItem() const { return item1_.lock(); }
     std::shared_ptr<View> secondItem() const { return item2_.lock(); }
 
-private:
+  private:
     LayoutConstraint() = default;
     std::weak_ptr<View> item1_, item2_;
     LayoutAttribute attr1_ = LayoutAttribute::NotAnAttribute;

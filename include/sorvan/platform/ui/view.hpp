@@ -23,7 +23,7 @@ enum AutoresizingMask : unsigned {
 };
 
 class View : public std::enable_shared_from_this<View> {
-public:
+  public:
     explicit View(gfx::Rect frame = {});
     virtual ~View();
 
@@ -35,15 +35,30 @@ public:
     void setCenter(gfx::Point c);
 
     double alpha() const { return alpha_; }
-    void setAlpha(double a) { alpha_ = a; setNeedsDisplay(); }
+    void setAlpha(double a) {
+        alpha_ = a;
+        setNeedsDisplay();
+    }
     bool isHidden() const { return hidden_; }
-    void setHidden(bool h) { hidden_ = h; setNeedsDisplay(); }
+    void setHidden(bool h) {
+        hidden_ = h;
+        setNeedsDisplay();
+    }
     double zPosition() const { return zPosition_; }
-    void setZPosition(double z) { zPosition_ = z; setNeedsDisplay(); }
+    void setZPosition(double z) {
+        zPosition_ = z;
+        setNeedsDisplay();
+    }
     gfx::Color backgroundColor() const { return background_; }
-    void setBackgroundColor(gfx::Color c) { background_ = c; setNeedsDisplay(); }
+    void setBackgroundColor(gfx::Color c) {
+        background_ = c;
+        setNeedsDisplay();
+    }
     ContentMode contentMode() const { return contentMode_; }
-    void setContentMode(ContentMode m) { contentMode_ = m; setNeedsDisplay(); }
+    void setContentMode(ContentMode m) {
+        contentMode_ = m;
+        setNeedsDisplay();
+    }
     unsigned autoresizingMask() const { return autoresizingMask_; }
     void setAutoresizingMask(unsigned m) { autoresizingMask_ = m; }
 
@@ -87,7 +102,7 @@ public:
     void addConstraint(std::shared_ptr<LayoutConstraint> c);
     void removeConstraint(const std::shared_ptr<LayoutConstraint>& c);
 
-private:
+  private:
     gfx::Rect frame_;
     double alpha_ = 1.0;
     bool hidden_ = false;

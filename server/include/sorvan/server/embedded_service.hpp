@@ -18,9 +18,9 @@ namespace sorvan::server {
 
 struct Request {
     std::string method;
-    std::string target;  // as received: path?query
-    std::string path;    // percent-decoded
-    std::string query;   // raw, as received (no '?')
+    std::string target;                          // as received: path?query
+    std::string path;                            // percent-decoded
+    std::string query;                           // raw, as received (no '?')
     std::map<std::string, std::string> headers;  // names lower-cased
     /// Query items split at '&' and '=', percent-decoded ('+' stays '+').
     std::multimap<std::string, std::string> queryItems() const;
@@ -52,7 +52,7 @@ struct Fault {
 };
 
 class EmbeddedService {
-public:
+  public:
     /// Starts listening on 127.0.0.1:port (0 = an ephemeral port) with every built-in route.
     explicit EmbeddedService(int port = 0);
     ~EmbeddedService();
@@ -78,7 +78,7 @@ public:
     void wait();
     void stop();
 
-private:
+  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
