@@ -22,7 +22,7 @@ class Overlay : public std::enable_shared_from_this<Overlay> {
 class MultiPoint : public Overlay {
   public:
     MultiPoint() = default;
-    explicit MultiPoint(std::vector<MapPoint> points);
+    explicit MultiPoint(std::vector<MapPoint> points) : points_(std::move(points)) {}
     std::size_t pointCount() const { return points_.size(); }
     const MapPoint* points() const { return points_.data(); }
     std::vector<Coordinate> coordinates() const;
