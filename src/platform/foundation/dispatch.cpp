@@ -571,11 +571,12 @@ SerialQueue::~SerialQueue() {
 }
 
 void SerialQueue::async(Task task) {
-    {
-        std::lock_guard lock(impl_->state->mutex);
-        impl_->state->ready.push_back(std::move(task));
-    }
-    impl_->state->wake.notify_all();
+    // Notified under the lock: the task may destroy this queue as soon as the lock is
+    // released, and nothing of it may be touched after that.
+    QueueState& state = *impl_->state;
+    std::lock_guard lock(state.mutex);
+    state.ready.push_back(std::move(task));
+    state.wake.notify_all();
 }
 
 void SerialQueue::asyncAfter(Duration delay, Task task) {
@@ -584,12 +585,10 @@ void SerialQueue::asyncAfter(Duration delay, Task task) {
         async(std::move(task));
         return;
     }
-    {
-        std::lock_guard lock(impl_->state->mutex);
-        DelayKey key{SteadyClock::now() + d, impl_->state->sequence++};
-        impl_->state->delayed.emplace(key, std::move(task));
-    }
-    impl_->state->wake.notify_all();
+    QueueState& state = *impl_->state;
+    std::lock_guard lock(state.mutex);
+    state.delayed.emplace(DelayKey{SteadyClock::now() + d, state.sequence++}, std::move(task));
+    state.wake.notify_all();
 }
 
 bool SerialQueue::isCurrent() const {
@@ -643,10 +642,9 @@ Semaphore::Semaphore(long value) : impl_(std::make_unique<Impl>()) {
 Semaphore::~Semaphore() = default;
 
 void Semaphore::signal() {
-    {
-        std::lock_guard lock(impl_->mutex);
-        ++impl_->value;
-    }
+    // Notified under the lock: the waiter commonly destroys the semaphore once it wakes.
+    std::lock_guard lock(impl_->mutex);
+    ++impl_->value;
     impl_->cv.notify_one();
 }
 
