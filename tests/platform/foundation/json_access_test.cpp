@@ -1,0 +1,169 @@
+#include "foundation/json_access.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace sorvan::json {
+namespace {
+
+constexpr std::string_view kFormatError =
+    "The data couldn't be read because it isn't in the correct format.";
+
+Value doc(std::string_view text) {
+    auto parsed = parse(text);
+    EXPECT_TRUE(parsed.value.has_value()) << text << ": " << parsed.errorDescription;
+    return parsed.value.value_or(Value());
+}
+
+// Runs f and returns the StructureError's reason, or "no throw".
+template <typename F>
+std::string reasonOf(F f) {
+    try {
+        f();
+    } catch (const StructureError& e) {
+        return e.reason();
+    }
+    return "no throw";
+}
+
+TEST(JsonAccess, ParseRejectsWhatTheOriginalDecoderRejected) {
+    for (std::string_view bad : {"", "   ", "{", "{\"a\":}", "[1,]", "nul", "{'a':1}", "[1] x",
+                                 "\"text\"", "12", "null", "true", "[\"\xff\"]"}) {
+        const auto parsed = parse(bad);
+        EXPECT_FALSE(parsed.value.has_value()) << bad;
+        EXPECT_EQ(parsed.errorDescription.rfind(kFormatError, 0), 0u) << parsed.errorDescription;
+        EXPECT_GT(parsed.errorDescription.size(), kFormatError.size()) << "no detail for " << bad;
+        EXPECT_EQ(parsed.errorDescription.find("json.exception"), std::string::npos);
+    }
+    const auto ok = parse(" {\"data\":[1,\"2\",null]} \n");
+    ASSERT_TRUE(ok.value.has_value());
+    EXPECT_TRUE(ok.errorDescription.empty());
+    EXPECT_EQ(ok.value->at("data").size(), 3u);
+
+    // Deep nesting neither overflows the stack while parsing nor while freeing.
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_TRUE(parse(deep).value.has_value());
+}
+
+TEST(JsonAccess, WalkThrowsNamingWhatWasFound) {
+    const Value root = doc(R"({"obj":{"k":"v"},"arr":[1,2],"nul":null,"num":3,"str":"s",
+                               "yes":true})");
+    struct Case {
+        std::string name;
+        std::function<void()> read;
+        std::string reason;
+    };
+    const std::vector<Case> cases = {
+        {"member of array", [&] { member(root.at("arr"), "k"); },
+         "expected an object, found array"},
+        {"member of null", [&] { member(root.at("nul"), "k"); }, "expected an object, found null"},
+        {"member of string", [&] { member(root.at("str"), "k"); },
+         "expected an object, found string"},
+        {"element of object", [&] { element(root.at("obj"), 0); },
+         "expected an array, found object"},
+        {"element of null", [&] { element(root.at("nul"), 0); }, "expected an array, found null"},
+        {"element past end", [&] { element(root.at("arr"), 2); },
+         "index 2 beyond the end of an array of 2 elements"},
+        {"items of number", [&] { arrayItems(root.at("num")); }, "expected an array, found number"},
+        {"items of null", [&] { arrayItems(root.at("nul")); }, "expected an array, found null"},
+        {"string of number", [&] { stringValue(root.at("num")); },
+         "expected a string, found number"},
+        {"string of boolean", [&] { stringValue(root.at("yes")); },
+         "expected a string, found boolean"},
+        {"string of array", [&] { stringValue(root.at("arr")); }, "expected a string, found array"},
+        {"member of missing member of array", [&] { member(member(root, "arr"), "absent"); },
+         "expected an object, found array"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(reasonOf(c.read), c.reason) << c.name;
+    }
+}
+
+TEST(JsonAccess, MissingBranchesReadAsNothing) {
+    const Value root = doc(R"({"obj":{"k":"v"},"nul":null,"arr":["a"]})");
+    const Value& absent = member(root, "absent");
+    EXPECT_TRUE(absent.is_null());
+    EXPECT_TRUE(isMissing(absent));
+    EXPECT_FALSE(isMissing(member(root, "nul")));  // a JSON null is not missing
+    EXPECT_TRUE(isMissing(element(member(member(absent, "a"), "b"), 7)));
+    EXPECT_TRUE(arrayItems(absent).empty());
+    EXPECT_EQ(stringValue(absent), std::nullopt);
+    EXPECT_EQ(stringValue(member(root, "nul")), std::nullopt);
+    EXPECT_EQ(integerValue(absent), 0);
+    EXPECT_EQ(doubleValue(absent), 0.0);
+    EXPECT_EQ(stringValue(member(member(root, "obj"), "k")), "v");
+    EXPECT_EQ(stringValue(element(member(root, "arr"), 0)), "a");
+    ASSERT_EQ(arrayItems(member(root, "arr")).size(), 1u);
+}
+
+TEST(JsonAccess, IntegerValueCoercions) {
+    constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+    constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+    const Value root = doc(R"([3.7, -3.7, 42, -0.0, 1e300, -1e300, 18446744073709551615, true,
+        false, null, {}, [], "3.9", "  -12abc", "+7", "- 5", "-  5", "1e3", "0x1A", "abc", "",
+        " ", "+", "-", "\t\n 8", "007", "9223372036854775807", "9223372036854775808",
+        "99999999999999999999999", "-9223372036854775808", "-9223372036854775809",
+        "-99999999999999999999999", "12 34", "+-3", "٣"])");
+    const std::vector<std::int64_t> expected = {
+        3, -3, 42, 0, kMax, kMin, kMax, 1, 0,    0,    0,    0,    3,    -12,  7,  -5, -5, 1,
+        0, 0,  0,  0, 0,    0,    8,    7, kMax, kMax, kMax, kMin, kMin, kMin, 12, 0,  0};
+    ASSERT_EQ(root.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(integerValue(root[i]), expected[i]) << root[i].dump();
+    }
+    EXPECT_EQ(integerValue(missing()), 0);
+}
+
+TEST(JsonAccess, DoubleValueCoercions) {
+    const Value root = doc(R"([2.5, -7, 18446744073709551615, true, false, null, {}, [],
+        "1,5", "inf", "nan", "  -2.5e3x", "+.5", ".", "1e", "1e+", "1.2.3", "0x1A", "abc",
+        "", "\t3", "--1", "- 1", "1E2", "5e-1", "1e400"])");
+    const std::vector<double> expected = {2.5, -7,      18446744073709551615.0,
+                                          1,   0,       0,
+                                          0,   0,       1.0,
+                                          0,   0,       -2500,
+                                          0.5, 0,       1,
+                                          1,   1.2,     0,
+                                          0,   0,       3,
+                                          0,   0,       100,
+                                          0.5, HUGE_VAL};
+    ASSERT_EQ(root.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(doubleValue(root[i]), expected[i]) << root[i].dump();
+    }
+}
+
+TEST(JsonAccess, EqualAsStringComparesTextualForms) {
+    const Value root = doc(R"([12, "12", 12.0, 12.5, "12.5", "12.0", -3, "-3", 0.1, "0.1",
+        true, "1", false, "0", null, "null", {}, [], "", "x", 1e21, "1e+21",
+        18446744073709551615, "18446744073709551615", " 12"])");
+    auto eq = [&](std::size_t a, std::size_t b) { return equalAsString(root[a], root[b]); };
+    EXPECT_TRUE(eq(0, 1));  // 12 and "12"
+    EXPECT_TRUE(eq(2, 1));  // 12.0 prints as "12"
+    EXPECT_TRUE(eq(0, 2));
+    EXPECT_FALSE(eq(2, 5));  // ... so not as "12.0"
+    EXPECT_TRUE(eq(3, 4));
+    EXPECT_TRUE(eq(6, 7));
+    EXPECT_TRUE(eq(8, 9));    // shortest round trip, not 0.10000000000000001
+    EXPECT_TRUE(eq(10, 11));  // true is the number 1
+    EXPECT_TRUE(eq(12, 13));
+    EXPECT_FALSE(eq(14, 15));  // null has no textual form
+    EXPECT_FALSE(eq(14, 14));
+    EXPECT_FALSE(eq(16, 16));
+    EXPECT_FALSE(eq(17, 18));
+    EXPECT_TRUE(eq(18, 18));
+    EXPECT_FALSE(eq(18, 19));
+    EXPECT_TRUE(eq(20, 21));
+    EXPECT_TRUE(eq(22, 23));
+    EXPECT_FALSE(eq(0, 24));  // no trimming
+    EXPECT_FALSE(equalAsString(missing(), missing()));
+}
+
+}  // namespace
+}  // namespace sorvan::json
