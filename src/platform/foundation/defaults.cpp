@@ -244,6 +244,9 @@ struct Defaults::Impl {
     // is replaced by an empty one and the write made there.
     void write(const char* what, const std::function<void()>& body) {
         std::lock_guard lock(mutex);
+        if (!db) {
+            return;  // even an in-memory store could not be made; start() logged it
+        }
         for (int attempt = 0; attempt < 2; ++attempt) {
             try {
                 exec("BEGIN IMMEDIATE");
@@ -269,6 +272,9 @@ struct Defaults::Impl {
     template <typename T>
     std::optional<T> read(const char* what, const std::function<std::optional<T>()>& body) {
         std::lock_guard lock(mutex);
+        if (!db) {
+            return std::nullopt;
+        }
         try {
             return body();
         } catch (const SqlError& e) {
@@ -430,6 +436,9 @@ void Defaults::removeObjectForKey(const std::string& key) {
 
 bool Defaults::synchronize() {
     std::lock_guard lock(impl_->mutex);
+    if (!impl_->db) {
+        return false;
+    }
     int logFrames = 0, checkpointed = 0;
     const int rc = sqlite3_wal_checkpoint_v2(impl_->db.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE,
                                              &logFrames, &checkpointed);
