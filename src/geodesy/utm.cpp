@@ -5,6 +5,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -144,12 +145,54 @@ std::int64_t integerValue(std::string_view s) {
     return negative ? -value : value;
 }
 
+// Decimals of at most 15 digits without an exponent, the form of every text UTMFrom writes, are
+// read exactly by one division of two exactly representable numbers, which rounds correctly, as
+// the general reader does. Returns false for anything else.
+bool plainDecimal(const char* p, const char* last, double& out) {
+    static constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                              1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+    bool negative = false;
+    if (p != last && (*p == '-' || *p == '+')) {
+        negative = *p == '-';
+        ++p;
+    }
+    std::uint64_t mantissa = 0;
+    int digits = 0;
+    int fractionDigits = -1;  // -1 until the decimal point
+    for (; p != last; ++p) {
+        if (isAsciiDigit(*p)) {
+            if (++digits > 15) {
+                return false;
+            }
+            mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p - '0');
+            if (fractionDigits >= 0) {
+                ++fractionDigits;
+            }
+        } else if (*p == '.' && fractionDigits < 0) {
+            fractionDigits = 0;
+        } else {
+            break;
+        }
+    }
+    if (digits == 0 || (p != last && (*p == 'e' || *p == 'E'))) {
+        return false;
+    }
+    const double value =
+        static_cast<double>(mantissa) / kPowersOfTen[fractionDigits < 0 ? 0 : fractionDigits];
+    out = negative ? -value : value;
+    return true;
+}
+
 // A double value: leading white space, then the longest number at the start, read in the C
 // locale whatever the process's locale; no number gives 0, and neither do "inf", "nan" or hex.
 double doubleValue(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size() && isAsciiSpace(s[i])) {
         ++i;
+    }
+    double value = 0.0;
+    if (plainDecimal(s.data() + i, s.data() + s.size(), value)) {
+        return value;
     }
     std::size_t end = i;
     while (end < s.size() && (isAsciiDigit(s[end]) || s[end] == '+' || s[end] == '-' ||
@@ -164,7 +207,6 @@ double doubleValue(std::string_view s) {
             return 0.0;
         }
     }
-    double value = 0.0;
     const std::errc ec = std::from_chars(first, last, value, std::chars_format::general).ec;
     if (ec == std::errc::result_out_of_range) {
         // Beyond the range of a double: the C library gives the infinities and the underflows
@@ -227,6 +269,110 @@ bool secondUnitIsDigit(std::string_view s) {
     }
     const CodePoint cp = decodeUtf8(s, lead.bytes);
     return cp.valid && cp.units == 1 && isDecimalDigit(cp.value);
+}
+
+struct Fields {
+    std::int64_t zone = 0;
+    bool southern = false;
+    double easting = 0, northing = 0;
+};
+
+// Up to 15 digits after an optional minus sign, exact as a double.
+bool readWholeNumber(const char*& p, const char* end, double& out) {
+    const bool negative = p != end && *p == '-';
+    if (negative) {
+        ++p;
+    }
+    const char* const start = p;
+    std::uint64_t value = 0;
+    for (; p != end && isAsciiDigit(*p); ++p) {
+        if (p - start == 15) {
+            return false;
+        }
+        value = value * 10 + static_cast<std::uint64_t>(*p - '0');
+    }
+    if (p == start) {
+        return false;
+    }
+    out = negative ? -static_cast<double>(value) : static_cast<double>(value);
+    return true;
+}
+
+bool readSeparator(const char*& p, const char* end) {
+    if (end - p < 2 || p[0] != ',' || p[1] != ' ') {
+        return false;
+    }
+    p += 2;
+    return true;
+}
+
+// The exact form UTMFrom writes ("47P, 662367, 1521281"), read in place. Every other text takes
+// the general path, which reads this form to the same fields.
+bool readCanonical(std::string_view text, Fields& fields) {
+    const char* p = text.data();
+    const char* const end = p + text.size();
+    if (end - p < 2 || !isAsciiDigit(p[0])) {
+        return false;
+    }
+    std::int64_t zone = *p++ - '0';
+    if (isAsciiDigit(*p)) {
+        zone = zone * 10 + (*p++ - '0');
+    }
+    if (p == end || !((*p >= 'A' && *p <= 'Z') || (*p >= 'a' && *p <= 'z'))) {
+        return false;
+    }
+    const char band = *p++;
+    if (!readSeparator(p, end) || !readWholeNumber(p, end, fields.easting) ||
+        !readSeparator(p, end) || !readWholeNumber(p, end, fields.northing) || p != end) {
+        return false;
+    }
+    fields.zone = zone;
+    fields.southern = kSouthernBands.find(band) != std::string_view::npos;
+    return true;
+}
+
+// Any text: spaces dropped, split at commas, the zone's length from the second character.
+Fields readGeneral(std::string_view text) {
+    // Texts of a sensible length fit on the stack.
+    std::array<char, 128> small;
+    std::string large;
+    char* compact = small.data();
+    if (text.size() > small.size()) {
+        large.resize(text.size());
+        compact = large.data();
+    }
+    std::size_t length = 0;
+    std::array<std::size_t, 2> commas{};
+    std::size_t commaCount = 0;
+    for (char c : text) {
+        if (c == ' ') {
+            continue;
+        }
+        if (c == ',') {
+            if (commaCount == 2) {
+                throwInvalidFormat();
+            }
+            commas[commaCount++] = length;
+        }
+        compact[length++] = c;
+    }
+    if (commaCount != 2) {
+        throwInvalidFormat();
+    }
+    const std::string_view s(compact, length);
+    const std::string_view zonePart = s.substr(0, commas[0]);
+    const std::string_view eastingPart = s.substr(commas[0] + 1, commas[1] - commas[0] - 1);
+    const std::string_view northingPart = s.substr(commas[1] + 1);
+
+    // The zone takes two characters when the whole text's second character is a digit.
+    const ZoneAndBand zb = splitZone(zonePart, secondUnitIsDigit(s) ? 2 : 1);
+    Fields fields;
+    fields.zone = zb.zone;
+    fields.southern = !zb.bandSplitsACharacter && !zb.band.empty() &&
+                      kSouthernBands.find(zb.band) != std::string_view::npos;
+    fields.easting = doubleValue(eastingPart);
+    fields.northing = doubleValue(northingPart);
+    return fields;
 }
 
 }  // namespace
@@ -352,44 +498,12 @@ std::string UTMFrom(map::Coordinate coordinate, bool withZone) {
 }
 
 map::Coordinate coordinateFromUTM(std::string_view text) {
-    // Drop every space; texts as UTMFrom writes them fit on the stack.
-    std::array<char, 128> small;
-    std::string large;
-    char* compact = small.data();
-    if (text.size() > small.size()) {
-        large.resize(text.size());
-        compact = large.data();
+    Fields fields;
+    if (!readCanonical(text, fields)) {
+        fields = readGeneral(text);
     }
-    std::size_t length = 0;
-    std::array<std::size_t, 2> commas{};
-    std::size_t commaCount = 0;
-    for (char c : text) {
-        if (c == ' ') {
-            continue;
-        }
-        if (c == ',') {
-            if (commaCount == 2) {
-                throwInvalidFormat();
-            }
-            commas[commaCount++] = length;
-        }
-        compact[length++] = c;
-    }
-    if (commaCount != 2) {
-        throwInvalidFormat();
-    }
-    const std::string_view s(compact, length);
-    const std::string_view zonePart = s.substr(0, commas[0]);
-    const std::string_view eastingPart = s.substr(commas[0] + 1, commas[1] - commas[0] - 1);
-    const std::string_view northingPart = s.substr(commas[1] + 1);
-
-    // The zone takes two characters when the whole text's second character is a digit.
-    const ZoneAndBand zb = splitZone(zonePart, secondUnitIsDigit(s) ? 2 : 1);
-    const bool southern = !zb.bandSplitsACharacter && !zb.band.empty() &&
-                          kSouthernBands.find(zb.band) != std::string_view::npos;
-
     const series::Geographic g =
-        series::inverse(zb.zone, southern, doubleValue(eastingPart), doubleValue(northingPart));
+        series::inverse(fields.zone, fields.southern, fields.easting, fields.northing);
     return {series::truncatedLatitudeDegrees(g.latitudeRadians), g.longitudeDegrees};
 }
 

@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <random>
 #include <stdexcept>
@@ -233,6 +235,46 @@ TEST(CoordinateFromUTM, CountsCharactersNotBytes) {
     const map::Coordinate emoji = coordinateFromUTM("\xF0\x9F\x98\x80M, 500000, 1000000");
     EXPECT_EQ(emoji.longitude, -183.0);
     EXPECT_GT(emoji.latitude, 0.0);
+}
+
+TEST(CoordinateFromUTM, EveryWritingOfATextReadsTheSame) {
+    // The text exactly as written, with its spaces moved or dropped, with a decimal point:
+    // one answer, also far outside the zones, where eastings turn negative.
+    std::mt19937_64 random(11);
+    std::uniform_real_distribution<double> latitude(-89.0, 89.0), longitude(-400.0, 400.0);
+    for (int i = 0; i < 20000; ++i) {
+        const std::string text = UTMFrom({latitude(random), longitude(random)}, i % 2 == 0);
+        std::string compact, spaced;
+        for (char c : text) {
+            if (c != ' ') {
+                compact.push_back(c);
+                spaced += std::string(1, c) + " ";
+            }
+        }
+        const map::Coordinate expected = coordinateFromUTM(text);
+        ASSERT_EQ(coordinateFromUTM(compact), expected) << text;
+        ASSERT_EQ(coordinateFromUTM(" " + spaced), expected) << text;
+        ASSERT_EQ(coordinateFromUTM(text + ".0"), expected) << text;
+    }
+}
+
+TEST(CoordinateFromUTM, ReadsDecimalsExactly) {
+    // Every way of writing a number must read as the C library reads it, to the last bit.
+    std::mt19937_64 random(7);
+    for (int i = 0; i < 20000; ++i) {
+        char easting[64], northing[64];
+        const int decimals = static_cast<int>(random() % 12);
+        const double e = 100000.0 + static_cast<double>(random() % 800000000) / 1000.0;
+        const double n = static_cast<double>(random() % 9999999999) / 1000.0;
+        std::snprintf(easting, sizeof easting, "%.*f", decimals, e);
+        std::snprintf(northing, sizeof northing, i % 2 ? "%.*f" : "%.*e", decimals, n);
+        const std::string text = std::string("47P, ") + easting + ", " + northing;
+        const auto g = series::inverse(47, false, std::strtod(easting, nullptr),
+                                       std::strtod(northing, nullptr));
+        const map::Coordinate c = coordinateFromUTM(text);
+        ASSERT_EQ(c.latitude, series::truncatedLatitudeDegrees(g.latitudeRadians)) << text;
+        ASSERT_EQ(c.longitude, g.longitudeDegrees) << text;
+    }
 }
 
 // Arbitrary text either converts or throws the documented exception; never anything else.
