@@ -38,6 +38,9 @@
 namespace sorvan {
 
 class SMTileDataDelegate;  // SorvanMapView.hpp
+namespace tiles {
+struct LayerStack;  // a tile load's snapshot of the layers
+}
 
 class SMTileOverlay : public map::TileOverlay {
   public:
@@ -118,8 +121,15 @@ class SMTileOverlay : public map::TileOverlay {
     std::optional<std::string> addressOfLayer(std::size_t index, const map::TilePath& path) const;
 
   private:
-    struct Layers;
-    Layers snapshot() const;
+    tiles::LayerStack snapshot() const;
+    std::shared_ptr<gfx::Image> walk(const tiles::LayerStack& layers, std::size_t index,
+                                     std::shared_ptr<gfx::Image> picture,
+                                     const map::TilePath& path);
+    void fetchData(const tiles::LayerStack& layers, const std::string& address);
+    std::shared_ptr<gfx::Image> fetchImage(const tiles::LayerStack& layers, std::size_t index,
+                                           const net::URL& url);
+    std::shared_ptr<gfx::Image> load(const net::URLRequest& request, std::int64_t attempt,
+                                     std::int64_t cacheMode);
 
     mutable std::mutex mutex_;
     std::vector<std::int64_t> mode_;
