@@ -13,3 +13,5 @@ extern "C" const double SorvanMapSDKVersionNumber;
 #include "SorvanMapSDK/SMSearchDelegate.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
 #include "SorvanMapSDK/SMSuggestOptions.hpp"
+#include "SorvanMapSDK/SMLayer.hpp"
+#include "SorvanMapSDK/SMTileOverlay.hpp"
