@@ -38,12 +38,9 @@
 namespace sorvan {
 
 class SMTileDataDelegate;  // SorvanMapView.hpp
-<<<<<<< HEAD
 namespace tiles {
 struct LayerStack;  // a tile load's snapshot of the layers
 }
-=======
->>>>>>> view
 
 class SMTileOverlay : public map::TileOverlay {
   public:
