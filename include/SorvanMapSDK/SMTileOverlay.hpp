@@ -38,12 +38,9 @@
 namespace sorvan {
 
 class SMTileDataDelegate;  // SorvanMapView.hpp
-<<<<<<< HEAD
 namespace tiles {
 struct LayerStack;  // a tile load's snapshot of the layers
 }
-=======
->>>>>>> view
 
 class SMTileOverlay : public map::TileOverlay {
   public:
@@ -124,7 +121,6 @@ class SMTileOverlay : public map::TileOverlay {
     std::optional<std::string> addressOfLayer(std::size_t index, const map::TilePath& path) const;
 
   private:
-<<<<<<< HEAD
     tiles::LayerStack snapshot() const;
     std::shared_ptr<gfx::Image> walk(const tiles::LayerStack& layers, std::size_t index,
                                      std::shared_ptr<gfx::Image> picture,
@@ -134,10 +130,6 @@ class SMTileOverlay : public map::TileOverlay {
                                            const net::URL& url);
     std::shared_ptr<gfx::Image> load(const net::URLRequest& request, std::int64_t attempt,
                                      std::int64_t cacheMode);
-=======
-    struct Layers;
-    Layers snapshot() const;
->>>>>>> view
 
     mutable std::mutex mutex_;
     std::vector<std::int64_t> mode_;
