@@ -5,4 +5,7 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
+/// "/terms": the terms-of-use page of the map service, in Thai and English.
+void installTermsRoutes(EmbeddedService& service);
+
 }  // namespace sorvan::server
