@@ -110,6 +110,7 @@ struct EmbeddedService::Impl {
     void workerLoop();
     void serve(std::unique_ptr<Connection> conn);
     void close(std::unique_ptr<Connection> conn);
+    void lingeringClose(std::unique_ptr<Connection> conn);
     void wakePoller();
     void stop();
 
@@ -256,6 +257,24 @@ void EmbeddedService::Impl::close(std::unique_ptr<Connection> conn) {
     conn->fd = -1;
 }
 
+// Closing a socket with unread bytes resets it, and the reset can overtake the answer we just
+// sent. So stop sending, read what the client still sends for a moment, then close.
+void EmbeddedService::Impl::lingeringClose(std::unique_ptr<Connection> conn) {
+    ::shutdown(conn->fd, SHUT_WR);
+    char chunk[16384];
+    auto deadline = Clock::now() + std::chrono::seconds(1);
+    while (!stopping && Clock::now() < deadline) {
+        pollfd p{conn->fd, POLLIN, 0};
+        if (::poll(&p, 1, 100) <= 0) {
+            continue;
+        }
+        if (::recv(conn->fd, chunk, sizeof chunk, 0) <= 0) {
+            break;
+        }
+    }
+    close(std::move(conn));
+}
+
 void EmbeddedService::Impl::serve(std::unique_ptr<Connection> conn) {
     char chunk[16384];
     for (;;) {
@@ -263,7 +282,7 @@ void EmbeddedService::Impl::serve(std::unique_ptr<Connection> conn) {
         if (outcome.kind == http::ParseOutcome::Kind::Invalid) {
             Response r = Response::text(outcome.status, outcome.reason + "\n");
             sendAll(conn->fd, http::responseHead(r, false) + r.body);
-            close(std::move(conn));
+            lingeringClose(std::move(conn));
             return;
         }
         if (outcome.kind == http::ParseOutcome::Kind::Complete &&
