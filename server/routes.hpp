@@ -9,5 +9,7 @@ class EmbeddedService;
 /// tiles ("/data/"), and the partner and traffic map-server paths
 /// ("/partner/map/msn-server/img.php", "/traffic/map/msn-server/img.php").
 void installTileRoutes(EmbeddedService& service);
+/// "/terms": the terms-of-use page of the map service, in Thai and English.
+void installTermsRoutes(EmbeddedService& service);
 
 }  // namespace sorvan::server
