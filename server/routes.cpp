@@ -7,6 +7,7 @@ void installBuiltinRoutes(EmbeddedService& service) {
     // Each service's routes live in a file of their own; add one line per service here.
     installTileRoutes(service);
     installTermsRoutes(service);
+    installMapServerRoutes(service);
 }
 
 }  // namespace sorvan::server

@@ -11,5 +11,8 @@ class EmbeddedService;
 void installTileRoutes(EmbeddedService& service);
 /// "/terms": the terms-of-use page of the map service, in Thai and English.
 void installTermsRoutes(EmbeddedService& service);
+/// Map-server tiles: "/map/msn-server/img.php", and the same script under "/partner",
+/// "/traffic" and "/box" (for box-domain tests).
+void installMapServerRoutes(EmbeddedService& service);
 
 }  // namespace sorvan::server
