@@ -6,6 +6,8 @@ namespace sorvan::server {
 void installBuiltinRoutes(EmbeddedService& service) {
     // Each service's routes live in a file of their own; add one line per service here.
     (void)service;
+    installSearchRoutes(service);
+    installRoutingRoutes(service);
 }
 
 }  // namespace sorvan::server

@@ -5,4 +5,9 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
+/// "/mapsearch/json/search" and "/mapsearch/json/suggest" over the built-in places.
+void installSearchRoutes(EmbeddedService& service);
+/// "/tvroute/json/route/guide" and "/tvroute/json/route/path" over the built-in roads.
+void installRoutingRoutes(EmbeddedService& service);
+
 }  // namespace sorvan::server
