@@ -5,6 +5,8 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
+/// "/terms": the terms-of-use page of the map service, in Thai and English.
+void installTermsRoutes(EmbeddedService& service);
 /// "/mapsearch/json/search" and "/mapsearch/json/suggest" over the built-in places.
 void installSearchRoutes(EmbeddedService& service);
 /// "/tvroute/json/route/guide" and "/tvroute/json/route/path" over the built-in roads.
