@@ -8,6 +8,8 @@ void installBuiltinRoutes(EmbeddedService& service) {
     installTileRoutes(service);
     installTermsRoutes(service);
     installMapServerRoutes(service);
+    installSearchRoutes(service);
+    installRoutingRoutes(service);
 }
 
 }  // namespace sorvan::server

@@ -14,5 +14,9 @@ void installTermsRoutes(EmbeddedService& service);
 /// Map-server tiles: "/map/msn-server/img.php", and the same script under "/partner",
 /// "/traffic" and "/box" (for box-domain tests).
 void installMapServerRoutes(EmbeddedService& service);
+/// "/mapsearch/json/search" and "/mapsearch/json/suggest" over the built-in places.
+void installSearchRoutes(EmbeddedService& service);
+/// "/tvroute/json/route/guide" and "/tvroute/json/route/path" over the built-in roads.
+void installRoutingRoutes(EmbeddedService& service);
 
 }  // namespace sorvan::server
