@@ -4,6 +4,15 @@
 // View, overlay and annotation changes happen on it, and timers fire on it. SerialQueue runs
 // tasks one after another on its own thread (URL-session completions use one). Every class
 // here is thread-safe unless a method says otherwise.
+//
+// Delayed tasks and timers of a run loop follow the run loop's clock, so a test can install a
+// ManualClock and skip minutes at once:
+//
+//   auto clock = std::make_shared<ManualClock>();
+//   RunLoop::main().setClock(clock);
+//   auto timer = Timer::scheduled(180.0, true, [&](Timer&) { ++ticks; });
+//   clock->advance(180.0);
+//   RunLoop::main().drain();  // ticks == 1
 #pragma once
 
 #include <any>
@@ -47,18 +56,29 @@ class Queue {
     virtual bool isCurrent() const = 0;
 };
 
+class Timer;
+
 /// A run loop: the main queue, plus the timers scheduled on it.
+///
+/// One thread at a time drives the loop (run(), runUntil() or drain()); tasks run only on the
+/// driving thread, in the order they became due. While another thread drives, runUntil() only
+/// waits for its predicate and drain() runs nothing.
 class RunLoop final : public Queue {
   public:
-    /// The process's main run loop. The first thread to call run()/runUntil() drives it.
+    /// The process's main run loop. It lives until the process exits.
     static RunLoop& main();
 
     void async(Task task) override;
     void asyncAfter(Duration delay, Task task) override;
+    /// True on the thread driving the loop. While no thread drives it, true on the thread that
+    /// drove it last (before any, the process's main thread), so main-queue-only code called
+    /// directly from a host's or a test's main thread passes its thread check.
     bool isCurrent() const override;
 
     /// Runs tasks and timers until stop() is called.
     void run();
+    /// Makes run() return after the task it is running. When no run() is in progress, the next
+    /// run() returns at once.
     void stop();
     /// Runs tasks and timers until predicate() is true (checked after each task and at least
     /// every few milliseconds) or the timeout passes. Returns the predicate's last value.
@@ -67,8 +87,15 @@ class RunLoop final : public Queue {
     std::size_t drain();
 
     /// Replaces the clock used for delayed tasks and timers (nullptr restores the real one).
+    /// Delayed tasks already pending keep the delay they had left.
     void setClock(std::shared_ptr<Clock> clock);
     std::chrono::steady_clock::time_point now() const;
+
+    /// Drops every pending task, invalidates every timer, restores the real clock and forgets
+    /// a pending stop(). For tests, between cases. REQUIRES: no thread is driving the loop.
+    void reset();
+    /// How many tasks and scheduled timers are pending (due or not).
+    std::size_t pendingCount() const;
 
     RunLoop(const RunLoop&) = delete;
     RunLoop& operator=(const RunLoop&) = delete;
@@ -76,20 +103,25 @@ class RunLoop final : public Queue {
 
   private:
     RunLoop();
-    friend class Timer;
     struct Impl;
+    static void fireScheduled(const std::shared_ptr<Timer>& timer,
+                              std::chrono::steady_clock::time_point due);
+    friend class Timer;
     std::unique_ptr<Impl> impl_;
 };
 
-/// Runs tasks one at a time, in order, on a thread of its own.
+/// Runs tasks one at a time, in order, on a thread of its own. Delays follow the real clock.
 class SerialQueue final : public Queue {
   public:
     explicit SerialQueue(std::string label);
-    ~SerialQueue() override;  // runs the tasks already queued, then joins
+    /// Runs the tasks already queued (delayed tasks not yet due are dropped), then joins. When
+    /// the last owner lets go from a task of this very queue, the thread finishes on its own.
+    ~SerialQueue() override;
     void async(Task task) override;
     void asyncAfter(Duration delay, Task task) override;
     bool isCurrent() const override;
-    /// Runs task on the queue and waits for it. REQUIRES: not called from this queue.
+    /// Runs task on the queue and waits for it; an exception it throws is rethrown here.
+    /// REQUIRES: not called from this queue (where it would deadlock; it runs the task inline).
     void sync(const Task& task);
     const std::string& label() const;
 
@@ -119,7 +151,11 @@ inline void after(Duration delay, Queue& queue, Task task) {
 }
 
 /// A one-shot or repeating timer on a run loop. The run loop keeps a scheduled timer alive
-/// until it is invalidated (a one-shot timer invalidates itself after firing). Main queue only.
+/// until it is invalidated (a one-shot timer invalidates itself after its action returns).
+/// A repeating timer keeps a fixed schedule (start + k * interval); fires missed while the
+/// loop was busy or the clock jumped are folded into one. An interval of zero or less is
+/// taken as 0.1 ms. Fires on the run loop's thread; scheduling and invalidating are
+/// thread-safe, and invalidate() may be called from inside the action.
 class Timer : public std::enable_shared_from_this<Timer> {
   public:
     using Action = std::function<void(Timer&)>;
@@ -129,7 +165,8 @@ class Timer : public std::enable_shared_from_this<Timer> {
                                             RunLoop& loop = RunLoop::main());
     void invalidate();
     bool isValid() const;
-    /// Runs the action now; a repeating timer keeps its schedule.
+    /// Runs the action now; a repeating timer keeps its schedule, a one-shot timer is
+    /// invalidated. Does nothing on an invalid timer.
     void fire();
     Duration interval() const;
     bool repeats() const;

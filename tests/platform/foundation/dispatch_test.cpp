@@ -1,0 +1,310 @@
+#include "sorvan/platform/foundation/dispatch.hpp"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace sorvan::dispatch {
+namespace {
+
+// Every test starts and ends with an empty main loop on the real clock.
+class MainLoopTest : public ::testing::Test {
+  protected:
+    void SetUp() override { RunLoop::main().reset(); }
+    void TearDown() override { RunLoop::main().reset(); }
+    RunLoop& loop() { return RunLoop::main(); }
+};
+
+using RunLoopTest = MainLoopTest;
+using TimerTest = MainLoopTest;
+
+TEST_F(RunLoopTest, RunsTasksInSubmissionOrderIncludingTasksPostedByTasks) {
+    std::vector<int> order;
+    loop().async([&] {
+        order.push_back(1);
+        loop().async([&] { order.push_back(4); });
+    });
+    loop().async([&] { order.push_back(2); });
+    loop().async([&] { order.push_back(3); });
+    EXPECT_EQ(loop().drain(), 4u);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+    EXPECT_EQ(loop().drain(), 0u);
+}
+
+TEST_F(RunLoopTest, IsCurrentOnlyOnTheDrivingThread) {
+    bool insideTask = false;
+    bool fromOtherThread = true;
+    loop().async([&] {
+        insideTask = loop().isCurrent();
+        std::thread([&] { fromOtherThread = loop().isCurrent(); }).join();
+    });
+    loop().drain();
+    EXPECT_TRUE(insideTask);
+    EXPECT_FALSE(fromOtherThread);
+    // Between pumps the thread that drove it last still counts as the main thread.
+    EXPECT_TRUE(loop().isCurrent());
+}
+
+TEST_F(RunLoopTest, RunUntilStopsAtPredicateOrTimeout) {
+    std::atomic<bool> done{false};
+    std::thread worker([&] { loop().async([&] { done = true; }); });
+    EXPECT_TRUE(loop().runUntil([&] { return done.load(); }, Duration(5.0)));
+    worker.join();
+
+    EXPECT_FALSE(loop().runUntil([] { return false; }, Duration(0.02)));
+}
+
+TEST_F(RunLoopTest, RunReturnsAfterStopFromAnotherThread) {
+    int ran = 0;
+    loop().async([&] { ++ran; });
+    std::thread stopper([&] { loop().async([&] { loop().stop(); }); });
+    loop().run();
+    stopper.join();
+    EXPECT_EQ(ran, 1);
+}
+
+TEST_F(RunLoopTest, DelayedTasksFollowTheManualClock) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    std::vector<int> order;
+    loop().asyncAfter(Duration(10.0), [&] { order.push_back(10); });
+    loop().asyncAfter(Duration(5.0), [&] { order.push_back(5); });
+    after(Duration(5.0), loop(), [&] { order.push_back(6); });
+    loop().asyncAfter(Duration(-1.0), [&] { order.push_back(0); });  // a past delay runs now
+
+    loop().drain();
+    EXPECT_EQ(order, (std::vector<int>{0}));
+    clock->advance(Duration(4.999));
+    loop().drain();
+    EXPECT_EQ(order, (std::vector<int>{0}));
+    clock->advance(Duration(0.001));
+    loop().drain();
+    EXPECT_EQ(order, (std::vector<int>{0, 5, 6}));
+    clock->advance(Duration(100.0));
+    EXPECT_TRUE(loop().runUntil([&] { return order.size() == 4; }, Duration(5.0)));
+    EXPECT_EQ(order.back(), 10);
+}
+
+TEST_F(RunLoopTest, SwitchingClocksKeepsTheDelayLeft) {
+    loop().asyncAfter(Duration(60.0), [] {});
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    bool ran = false;
+    loop().asyncAfter(Duration(30.0), [&] { ran = true; });
+    clock->advance(Duration(59.0));
+    EXPECT_EQ(loop().drain(), 1u);
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(loop().pendingCount(), 1u);
+    clock->advance(Duration(1.0));
+    EXPECT_EQ(loop().drain(), 1u);
+}
+
+TEST_F(TimerTest, RepeatingTimerFiresOncePerIntervalUntilInvalidated) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    int ticks = 0;
+    auto timer = Timer::scheduled(Duration(180.0), true, [&](Timer&) { ++ticks; });
+    EXPECT_TRUE(timer->isValid());
+    EXPECT_TRUE(timer->repeats());
+    EXPECT_DOUBLE_EQ(timer->interval().count(), 180.0);
+    clock->advance(Duration(179.0));
+    loop().drain();
+    EXPECT_EQ(ticks, 0);
+    for (int i = 1; i <= 5; ++i) {
+        clock->advance(Duration(180.0));
+        loop().drain();
+        EXPECT_EQ(ticks, i);
+    }
+    timer->invalidate();
+    EXPECT_FALSE(timer->isValid());
+    clock->advance(Duration(1000.0));
+    loop().drain();
+    EXPECT_EQ(ticks, 5);
+    EXPECT_EQ(loop().pendingCount(), 0u);
+}
+
+TEST_F(TimerTest, MissedFiresAreFoldedAndTheScheduleStaysFixed) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    int ticks = 0;
+    auto timer = Timer::scheduled(Duration(10.0), true, [&](Timer&) { ++ticks; });
+    clock->advance(Duration(35.0));  // due at 10, 20, 30: one fire
+    loop().drain();
+    EXPECT_EQ(ticks, 1);
+    clock->advance(Duration(4.0));  // 39: the next fire is at 40, not 45
+    loop().drain();
+    EXPECT_EQ(ticks, 1);
+    clock->advance(Duration(1.0));
+    loop().drain();
+    EXPECT_EQ(ticks, 2);
+    timer->invalidate();
+}
+
+TEST_F(TimerTest, OneShotTimerFiresOnceAndInvalidatesItself) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    int ticks = 0;
+    bool validDuringAction = false;
+    std::weak_ptr<Timer> weak;
+    {
+        auto timer = Timer::scheduled(Duration(1.0), false, [&](Timer& t) {
+            ++ticks;
+            validDuringAction = t.isValid();
+        });
+        weak = timer;
+    }
+    ASSERT_FALSE(weak.expired()) << "the run loop keeps a scheduled timer alive";
+    clock->advance(Duration(2.0));
+    loop().drain();
+    clock->advance(Duration(2.0));
+    loop().drain();
+    EXPECT_EQ(ticks, 1);
+    EXPECT_TRUE(validDuringAction);
+    EXPECT_TRUE(weak.expired()) << "an invalidated timer is released by the run loop";
+}
+
+TEST_F(TimerTest, InvalidateInsideItsOwnActionStopsIt) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    int ticks = 0;
+    std::weak_ptr<Timer> weak = Timer::scheduled(Duration(1.0), true, [&](Timer& t) {
+        if (++ticks == 2) {
+            t.invalidate();
+        }
+    });
+    for (int i = 0; i < 5; ++i) {
+        clock->advance(Duration(1.0));
+        loop().drain();
+    }
+    EXPECT_EQ(ticks, 2);
+    EXPECT_TRUE(weak.expired());
+}
+
+TEST_F(TimerTest, FireRunsNowWithUserInfoAndKeepsTheSchedule) {
+    auto clock = std::make_shared<ManualClock>();
+    loop().setClock(clock);
+    std::vector<std::string> seen;
+    auto timer = Timer::scheduled(
+        Duration(10.0), true,
+        [&](Timer& t) { seen.push_back(std::any_cast<std::string>(t.userInfo())); },
+        std::string("overlay"));
+    clock->advance(Duration(6.0));
+    timer->fire();
+    EXPECT_EQ(seen.size(), 1u);
+    clock->advance(Duration(4.0));  // still due at 10
+    loop().drain();
+    EXPECT_EQ(seen, (std::vector<std::string>{"overlay", "overlay"}));
+
+    auto once = Timer::scheduled(Duration(10.0), false, [&](Timer&) { seen.push_back("once"); });
+    once->fire();
+    EXPECT_FALSE(once->isValid());
+    once->fire();  // firing an invalid timer does nothing
+    EXPECT_EQ(seen.back(), "once");
+    EXPECT_EQ(seen.size(), 3u);
+    timer->invalidate();
+}
+
+TEST_F(TimerTest, FiresOnTheRealClockWhileTheLoopRuns) {
+    int ticks = 0;
+    auto timer = Timer::scheduled(Duration(0.001), true, [&](Timer&) { ++ticks; });
+    EXPECT_TRUE(loop().runUntil([&] { return ticks >= 3; }, Duration(10.0)));
+    timer->invalidate();
+}
+
+TEST(SerialQueue, RunsTasksInOrderOnItsOwnThread) {
+    SerialQueue queue("test.serial");
+    EXPECT_EQ(queue.label(), "test.serial");
+    EXPECT_FALSE(queue.isCurrent());
+    std::vector<int> order;
+    std::atomic<bool> allCurrent{true};
+    for (int i = 0; i < 100; ++i) {
+        queue.async([&, i] {
+            order.push_back(i);
+            allCurrent = allCurrent && queue.isCurrent();
+        });
+    }
+    queue.sync([] {});
+    ASSERT_EQ(order.size(), 100u);
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(order[i], i);
+    }
+    EXPECT_TRUE(allCurrent);
+}
+
+TEST(SerialQueue, SyncRethrowsTheTasksException) {
+    SerialQueue queue("test.sync");
+    EXPECT_THROW(queue.sync([] { throw std::runtime_error("boom"); }), std::runtime_error);
+    int value = 0;
+    queue.sync([&] { value = 7; });
+    EXPECT_EQ(value, 7);
+}
+
+TEST(SerialQueue, DelayedTasksRunByDueTime) {
+    SerialQueue queue("test.after");
+    std::mutex m;
+    std::vector<int> order;
+    Semaphore done;
+    queue.asyncAfter(Duration(0.05), [&] {
+        std::lock_guard lock(m);
+        order.push_back(2);
+        done.signal();
+    });
+    queue.asyncAfter(Duration(0.01), [&] {
+        std::lock_guard lock(m);
+        order.push_back(1);
+    });
+    queue.async([&] {
+        std::lock_guard lock(m);
+        order.push_back(0);
+    });
+    ASSERT_TRUE(done.waitFor(Duration(10.0)));
+    std::lock_guard lock(m);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2}));
+}
+
+TEST(SerialQueue, DestructorRunsQueuedTasksAndDropsPendingDelays) {
+    std::atomic<int> ran{0};
+    {
+        SerialQueue queue("test.drain");
+        queue.async([] { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+        for (int i = 0; i < 10; ++i) {
+            queue.async([&] { ++ran; });
+        }
+        queue.asyncAfter(Duration(3600.0), [&] { ran += 1000; });
+    }
+    EXPECT_EQ(ran, 10);
+}
+
+TEST(SerialQueue, MayBeDestroyedByItsOwnTask) {
+    auto queue = std::make_shared<SerialQueue>("test.self");
+    Semaphore done;
+    std::atomic<bool> ranAfterRelease{false};
+    auto* raw = queue.get();
+    raw->async([&done, &ranAfterRelease, q = std::move(queue)]() mutable {
+        q.reset();  // the last owner lets go on the queue's own thread
+        ranAfterRelease = true;
+        done.signal();
+    });
+    EXPECT_TRUE(done.waitFor(Duration(10.0)));
+    EXPECT_TRUE(ranAfterRelease);
+}
+
+TEST(Semaphore, CountsSignalsAndTimesOut) {
+    Semaphore sem(1);
+    EXPECT_TRUE(sem.waitFor(Duration(0.0)));
+    EXPECT_FALSE(sem.waitFor(Duration(0.01)));
+    std::thread signaller([&] {
+        sem.signal();
+        sem.signal();
+    });
+    sem.wait();
+    EXPECT_TRUE(sem.waitFor(Duration(10.0)));
+    signaller.join();
+}
+
+}  // namespace
+}  // namespace sorvan::dispatch
