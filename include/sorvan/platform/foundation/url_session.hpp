@@ -1,12 +1,20 @@
 // URL loading: requests, responses, errors, the shared session over libcurl and the shared
 // response cache.
 //
-// URLSession::shared() runs every transfer on one network thread (curl multi); a data task is
-// resumed when created and completes exactly once on the session's serial delegate queue.
-// Thread-safe.
+// Every session runs its transfers on one network thread shared by the process (many at once,
+// connections kept alive and reused); a data task is resumed when created and its completion
+// runs exactly once on the session's serial delegate queue. HTTP status codes are not errors:
+// a 404 completes with its body and response and no error. Thread-safe.
+//
+//   net::URLSession::shared().dataTask(*net::URL::fromString(address),
+//       [](const auto& data, const auto& response, const auto& error) {
+//           if (error) { log::writef("... %s", error->localizedDescription.c_str()); return; }
+//           // data and response are set
+//       });
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -60,7 +68,9 @@ struct HTTPURLResponse {
 };
 
 /// A transport error (no response, timeout, reset, bad URL). The description is readable
-/// and is what log lines print.
+/// and is what log lines print: "Could not connect to the server.", "The request timed out.",
+/// "The network connection was lost.", "A server with the specified hostname could not be
+/// found.", "unsupported URL", "cancelled", ...
 struct Error {
     // CannotParseResponse: the body was not the JSON a service call expected.
     enum class Code {
@@ -70,10 +80,16 @@ struct Error {
         TimedOut,
         ConnectionLost,
         Cancelled,
-        CannotParseResponse
+        CannotParseResponse,
+        CannotFindHost,
+        SecureConnectionFailed,
+        BadServerResponse,
+        TooManyRedirects,
     };
     Code code = Code::Unknown;
     std::string localizedDescription;
+    /// What the transport said, for diagnostics ("Failed to connect to 127.0.0.1 port 9 ...").
+    std::string detail;
 };
 
 using CompletionHandler = std::function<void(const std::optional<Data>& data,
@@ -84,17 +100,35 @@ using CompletionHandler = std::function<void(const std::optional<Data>& data,
 class DataTask {
   public:
     virtual ~DataTask() = default;
+    /// Ends a transfer still in flight with a Cancelled error (the completion still runs once).
+    /// Does nothing once the transfer has finished or for an answer taken from the cache.
     virtual void cancel() = 0;
     virtual std::uint64_t identifier() const = 0;
 };
 
-/// Memory and disk cache of GET responses with status 200, keyed by the absolute URL.
+/// Memory and disk cache of GET responses with status 200, keyed by the absolute URL. The
+/// disk part lives in "URLCache" under the caches directory (looked up at each use, so a test
+/// that moves SORVAN_HOME gets a fresh cache). Bounded by bytes, least recently used first
+/// out. Entries never expire. Thread-safe.
 class URLCache {
   public:
+    struct CachedResponse {
+        HTTPURLResponse response;
+        Data data;
+    };
+
     static URLCache& shared();
     std::optional<Data> cachedData(const URL& url) const;
+    std::optional<CachedResponse> cachedResponse(const URL& url) const;
+    /// Keeps data when response.statusCode is 200; ignores anything else.
     void store(const URL& url, const HTTPURLResponse& response, const Data& data);
+    /// Empties memory and disk.
     void removeAllCachedResponses();
+    /// Bounds the memory layer (default 4 MiB); 0 empties it and keeps it empty. A response
+    /// bigger than a twentieth of a layer's bound stays out of that layer.
+    void setMemoryCapacity(std::size_t bytes);
+    /// The directory of the disk part, for the current environment.
+    std::string diskPath() const;
     URLCache(const URLCache&) = delete;
     URLCache& operator=(const URLCache&) = delete;
     ~URLCache();
@@ -109,6 +143,8 @@ struct URLSessionConfiguration {
     static URLSessionConfiguration defaultConfiguration() { return {}; }
     /// Overrides the cache policy of every request the session runs, when set.
     std::optional<CachePolicy> requestCachePolicy;
+    /// A transfer that receives nothing for this long (or the request's own timeout, when
+    /// shorter) fails with TimedOut.
     std::chrono::duration<double> timeoutIntervalForRequest{60.0};
 };
 
@@ -121,7 +157,10 @@ class URLSession {
 
     /// Starts a transfer at once (there is no separate resume step). A request with
     /// ReturnCacheDataElseLoad is answered from URLCache::shared() without touching the
-    /// network when the cache holds the URL.
+    /// network when the cache holds the URL (status 200, still on the delegate queue). Every
+    /// 200 answer to a GET is stored in the cache before the completion runs. Headers set on
+    /// the request are sent as they are, plus Host, "Accept: */*" and a User-Agent of the kit
+    /// unless the request sets one. Redirects are followed.
     std::shared_ptr<DataTask> dataTask(const URLRequest& request, CompletionHandler completion);
     std::shared_ptr<DataTask> dataTask(const URL& url, CompletionHandler completion);
 

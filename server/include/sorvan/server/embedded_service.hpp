@@ -1,11 +1,13 @@
 // The embedded service: an HTTP/1.1 server on 127.0.0.1 that answers every path the SDK calls
 // with deterministic data, records each request, and injects faults per path for tests.
-// Thread-safe: handlers run on the server's worker threads.
+// Thread-safe: handlers run on the server's worker threads (several at once), keep-alive
+// connections wait on one poller thread between requests.
 //
 //   sorvan::server::EmbeddedService service;          // ephemeral port, started
 //   setenv("SORVAN_SERVICE_ORIGIN", service.origin().c_str(), 1);
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -41,7 +43,10 @@ struct Response {
 
 using Handler = std::function<Response(const Request&)>;
 
-/// What to do to the next `count` requests whose path starts with a prefix.
+/// What to do to the next `count` requests whose path starts with a prefix (the longest
+/// prefix with a fault wins; injecting again for a prefix replaces its fault). The delay comes
+/// first; then a dropped connection, or the status instead of the route's answer; then a
+/// malformed or truncated body.
 struct Fault {
     int count = 1;                // how many requests it applies to; -1 = until cleared
     int status = 0;               // answer this status (with a short body) instead
@@ -54,7 +59,9 @@ struct Fault {
 class EmbeddedService {
   public:
     /// Starts listening on 127.0.0.1:port (0 = an ephemeral port) with every built-in route.
+    /// Throws std::runtime_error when the port cannot be bound.
     explicit EmbeddedService(int port = 0);
+    /// Stops and joins every thread.
     ~EmbeddedService();
     EmbeddedService(const EmbeddedService&) = delete;
     EmbeddedService& operator=(const EmbeddedService&) = delete;
@@ -63,7 +70,9 @@ class EmbeddedService {
     /// "http://127.0.0.1:PORT"
     std::string origin() const;
 
-    /// Adds or replaces the handler of a path prefix (the longest matching prefix wins).
+    /// Adds or replaces the handler of a path prefix (the longest matching prefix wins; a path
+    /// no prefix matches is answered 404). Paths are compared percent-decoded. A handler that
+    /// throws gives a 500 answer.
     void route(const std::string& pathPrefix, Handler handler);
 
     std::vector<Request> requests() const;
@@ -74,8 +83,18 @@ class EmbeddedService {
     void injectFault(const std::string& pathPrefix, Fault fault);
     void clearFaults();
 
-    /// Blocks until stop() (sorvan serve).
+    /// How many TCP connections the service has accepted (clients that keep connections alive
+    /// open few).
+    std::size_t acceptedConnections() const;
+
+    /// Called on a worker thread after each request is answered (not for dropped ones), with
+    /// the status sent. For `sorvan serve`'s access log.
+    void setAccessLog(std::function<void(const Request&, int status)> log);
+
+    /// Blocks until stop() has finished (sorvan serve).
     void wait();
+    /// Stops listening, interrupts injected delays, closes every connection and joins the
+    /// threads. Idempotent. REQUIRES: not called from a handler.
     void stop();
 
   private:
