@@ -5,4 +5,9 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
+/// WMS GetMap ("/wms"), {z}/{x}/{y} ("/tiles/", "/overlay/") and TMS ("/tms/") templates, data
+/// tiles ("/data/"), and the partner and traffic map-server paths
+/// ("/partner/map/msn-server/img.php", "/traffic/map/msn-server/img.php").
+void installTileRoutes(EmbeddedService& service);
+
 }  // namespace sorvan::server

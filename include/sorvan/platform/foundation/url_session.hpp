@@ -62,7 +62,16 @@ struct HTTPURLResponse {
 /// A transport error (no response, timeout, reset, bad URL). The description is readable
 /// and is what log lines print.
 struct Error {
-    enum class Code { Unknown, BadURL, CannotConnect, TimedOut, ConnectionLost, Cancelled };
+    // CannotParseResponse: the body was not the JSON a service call expected.
+    enum class Code {
+        Unknown,
+        BadURL,
+        CannotConnect,
+        TimedOut,
+        ConnectionLost,
+        Cancelled,
+        CannotParseResponse
+    };
     Code code = Code::Unknown;
     std::string localizedDescription;
 };
