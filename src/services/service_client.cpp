@@ -42,14 +42,20 @@ std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std:
 }
 
 net::Error parseError(const std::string& description) {
-    return net::Error{net::Error::Code::CannotParseResponse, description};
+    net::Error error;
+    error.code = net::Error::Code::CannotParseResponse;
+    error.localizedDescription = description;
+    return error;
 }
 
 void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler) {
     auto& session = net::URLSession::shared();
     if (!request) {
         session.delegateQueue().async([handler = std::move(handler)] {
-            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL"});
+            net::Error error;
+            error.code = net::Error::Code::BadURL;
+            error.localizedDescription = "unsupported URL";
+            handler(std::nullopt, std::move(error));
         });
         return;
     }
