@@ -7,6 +7,7 @@
 //
 // The peers are optional: without them only the kit's rows are measured.
 #include <benchmark/benchmark.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
@@ -305,6 +306,7 @@ void reportAccuracy() {
 // machine the CPU time is steadier than the wall time.
 class RecordingReporter : public benchmark::ConsoleReporter {
   public:
+    RecordingReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         ConsoleReporter::ReportRuns(runs);
         for (const Run& run : runs) {

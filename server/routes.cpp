@@ -5,7 +5,9 @@ namespace sorvan::server {
 
 void installBuiltinRoutes(EmbeddedService& service) {
     // Each service's routes live in a file of their own; add one line per service here.
+    installTileRoutes(service);
     installTermsRoutes(service);
+    installMapServerRoutes(service);
     installSearchRoutes(service);
     installRoutingRoutes(service);
 }

@@ -5,8 +5,15 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
+/// WMS GetMap ("/wms"), {z}/{x}/{y} ("/tiles/", "/overlay/") and TMS ("/tms/") templates, data
+/// tiles ("/data/"), and the partner and traffic map-server paths
+/// ("/partner/map/msn-server/img.php", "/traffic/map/msn-server/img.php").
+void installTileRoutes(EmbeddedService& service);
 /// "/terms": the terms-of-use page of the map service, in Thai and English.
 void installTermsRoutes(EmbeddedService& service);
+/// Map-server tiles: "/map/msn-server/img.php", and the same script under "/partner",
+/// "/traffic" and "/box" (for box-domain tests).
+void installMapServerRoutes(EmbeddedService& service);
 /// "/mapsearch/json/search" and "/mapsearch/json/suggest" over the built-in places.
 void installSearchRoutes(EmbeddedService& service);
 /// "/tvroute/json/route/guide" and "/tvroute/json/route/path" over the built-in roads.

@@ -55,7 +55,9 @@ using SMPathResult =
     std::function<void(const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& polylines,
                        const std::optional<net::Error>& error)>;
 
-class SorvanMapView : public map::MapView, public map::MapViewDelegate {
+/// Also the data delegate of its own format-3 tile overlays: it forwards their answers to the
+/// host's dataDelegate.
+class SorvanMapView : public map::MapView, public map::MapViewDelegate, public SMTileDataDelegate {
   public:
     /// A new view that is its own map delegate. Runs the class start-up on first use.
     static std::shared_ptr<SorvanMapView> create(gfx::Rect frame = {0, 0, 320, 480});
@@ -83,15 +85,21 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate {
     /// The locale code of a language value.
     static const char* localeCode(std::int64_t language) { return language == 2 ? "en" : "th"; }
     void setCache(std::int64_t mode);
-    /// Empties the tile disk cache under a search-path directory (13 = caches).
+    /// Empties the tile disk cache under a search-path directory (13 = caches): removes every
+    /// entry of its "tileCache/" folder, then the "tileList" default. False when the folder
+    /// does not exist or a removal fails (entries removed before stay removed).
     static bool clearCaches(long directory);
+    /// Empties the shared URL response cache, then clearCaches(13).
     static bool clearAllCaches();
+    /// Lays out, then centres the crosshair on the map's centre (its visibility unchanged).
     void layoutSubviews() override;
+    /// Centres the crosshair and shows it.
     void updateCrosshair();
     std::shared_ptr<ui::ImageView> crosshair() const { return crosshair_; }
     void setCrosshair(std::shared_ptr<ui::ImageView> crosshair) {
         crosshair_ = std::move(crosshair);
     }
+    /// Action of the legal label: opens the terms-of-use page.
     void openTerm();
 
     std::shared_ptr<SMSearchDelegate> searchDelegate() const { return searchDelegate_.lock(); }
@@ -100,36 +108,66 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate {
     void setDataDelegate(std::weak_ptr<SMTileDataDelegate> d) { dataDelegate_ = std::move(d); }
 
     // Zoom and pixel space -------------------------------------------------------------------
+    // Pixel space: the spherical Mercator plane 2^29 units wide, (0, 0) at the north-west
+    // corner, longitude 0 / latitude 0 at (2^28, 2^28). Results and inputs are rounded to
+    // whole units, halves away from zero. The forward latitude conversion works in single
+    // precision, its inverse in double: round trips carry that error on purpose.
     static double longitudeToPixelSpaceX(double longitude);
     static double latitudeToPixelSpaceY(double latitude);
     static double pixelSpaceXToLongitude(double pixelX);
     static double pixelSpaceYToLatitude(double pixelY);
+    /// log2(bounds width / visible map rect width) + 20; not clamped, not rounded.
     double zoomLevel() const;
+    /// Animates to zoom about the centre. Ignored at 21 or more; at world scale (a latitude
+    /// span of 90 or more) also ignored at 0 or less.
     void setZoomLevel(double zoomLevel);
+    /// The span the view's bounds cover at zoom, about the current centre.
     map::CoordinateSpan coordinateSpanWithZoomLevel(double zoomLevel) const;
+    /// Refreshes the process-wide currentZoom (bouncing 21 back to 20) and the views of
+    /// zoom-bound annotations.
     void regionDidChangeAnimated(map::MapView& mapView, bool animated) override;
 
     // Tile layers ----------------------------------------------------------------------------
+    // Every overlay these build takes the process-wide key and this view's boxDomain and
+    // language. A new tile overlay lands above every earlier one; the traffic layer of
+    // addSMLayer refreshes every 180 s on the main run loop.
+    /// One overlay of one mode, with the process-wide cache mode.
     void addSMOverlay(std::int64_t mode);
+    /// One overlay for a descriptor: its template, alpha and zoom range.
     void addSMLayer(const std::shared_ptr<SMLayer>& layer);
+    /// Stacks the layers whose alpha and zoom range equal the last element's into one overlay;
+    /// the others get an overlay each, below it; a traffic layer is added last, on its own.
     void addSMLayers(const std::vector<std::shared_ptr<SMLayer>>& layers);
     void addCustomOverlayWithURL(const std::string& urlTemplate, std::int64_t format,
                                  const std::string& referer);
+    /// One stacked overlay from parallel lists; nothing when the first three counts differ.
+    /// Its disk cache stays off.
     void addSMOverlays(const std::vector<std::int64_t>& modes, const std::vector<std::string>& urls,
                        const std::vector<std::int64_t>& formats,
                        const std::vector<std::string>& referers);
+    /// The traffic refresh (the timer's action): re-adds a fresh copy of the timer's overlay.
     void addTrafficLayer(dispatch::Timer& timer);
+    /// Removes the overlays except mode-[19] ones; removing traffic stops its refresh.
     void removeOverlays(const std::vector<std::shared_ptr<map::Overlay>>& overlays) override;
+    /// Removes mode from the first overlay holding it (its other layers come back as a new
+    /// overlay). For traffic (16) it toggles: the first call after a refresh leaves the timer.
     void removeSMOverlay(std::int64_t mode);
+    /// Removes the first mode-20/21 layer whose template or mode name is source.
     void removeSourceLayer(const std::string& source);
+    /// Drops layer index of an overlay already off the map and adds the rest back.
     void removeOverlay(const std::shared_ptr<SMTileOverlay>& overlay, std::int64_t index);
+    /// Adds a fresh copy of overlay (this view's language and box domain); overlay stays.
     void reAddOverlay(const std::shared_ptr<SMTileOverlay>& overlay);
+    /// Whether a map-picture tile overlay is on the map (white backgrounds and custom layers
+    /// do not count).
     bool hasSorvanOverlay() const;
+    /// Inserts directly above the topmost tile overlay (or at the top when there is none).
     void addOverlay(const std::shared_ptr<map::Overlay>& overlay) override;
+    /// Tile overlays get a tile renderer with the overlay's alpha.
     std::shared_ptr<map::OverlayRenderer> rendererForOverlay(
         map::MapView& mapView, const std::shared_ptr<map::Overlay>& overlay) override;
-    /// Forwards data-template answers to dataDelegate.
-    void dataFromTile(const net::Data& data);
+    /// Forwards data-template answers to dataDelegate (called on tile threads).
+    void dataFromTile(const net::Data& data) override;
     /// Re-binds tags after the layer stack changed (no-op while no tags are shown).
     void reAddTag();
 
@@ -163,6 +201,9 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate {
     std::weak_ptr<SorvanMapView> weakSelf() {
         return std::static_pointer_cast<SorvanMapView>(shared_from_this());
     }
+    /// A new tile overlay with the process-wide key and this view's box domain and language.
+    std::shared_ptr<SMTileOverlay> newOverlay(std::vector<std::int64_t> modes);
+    void placeCrosshair();
 
     std::weak_ptr<SMSearchDelegate> searchDelegate_;
     std::weak_ptr<SMTileDataDelegate> dataDelegate_;

@@ -42,20 +42,14 @@ std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std:
 }
 
 net::Error parseError(const std::string& description) {
-    net::Error error;
-    error.code = net::Error::Code::CannotParseResponse;
-    error.localizedDescription = description;
-    return error;
+    return net::Error{net::Error::Code::CannotParseResponse, description, {}};
 }
 
 void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler) {
     auto& session = net::URLSession::shared();
     if (!request) {
         session.delegateQueue().async([handler = std::move(handler)] {
-            net::Error error;
-            error.code = net::Error::Code::BadURL;
-            error.localizedDescription = "unsupported URL";
-            handler(std::nullopt, std::move(error));
+            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL", {}});
         });
         return;
     }

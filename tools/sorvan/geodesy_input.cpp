@@ -73,6 +73,9 @@ bool checkUTM(std::string_view text, std::string& compact, std::string& error) {
     for (char c : text) {
         if (!isBlank(c)) {
             compact.push_back(c);
+            if (c == ',') {
+                compact.push_back(' ');  // the written form, which the kit reads fastest
+            }
         }
     }
     const std::size_t first = compact.find(',');

@@ -17,8 +17,9 @@ namespace sorvan::cli {
 std::optional<map::Coordinate> parseCoordinate(std::string_view text, std::string& error);
 
 /// Checks "<zone><band>, <easting>, <northing>" (zone 1 to 61, an upper-case band letter,
-/// finite numbers), white space allowed around the parts. Sets compact to the text without white
-/// space, ready for the kit's parser (reusing its storage), or returns false with error set.
+/// finite numbers), white space allowed around the parts. Sets compact to the text as UTMFrom
+/// writes it (white space dropped, one space after each comma), ready for the kit's parser and
+/// reusing compact's storage; or returns false with error set.
 bool checkUTM(std::string_view text, std::string& compact, std::string& error);
 
 /// The positional arguments, with an argument that ends in "," joined to the next one, so that

@@ -632,6 +632,11 @@ struct MapView::Impl {
                         detail::TileKey tk{entry.overlay.get(), layer.z, x, y};
                         auto found = store->lookup(tk);
                         using State = detail::TileStore::State;
+                        // A drawn tile outlives its data in the memory cache: it needs the
+                        // data again only to be redrawn.
+                        if (d.valid && d.generation == generation &&
+                            (found.state == State::Absent || found.version == d.version))
+                            continue;
                         if (found.state == State::Absent) {
                             if (auto epoch = store->beginLoad(tk))
                                 postLoad(entry, tileOverlay, tk, epoch);

@@ -72,6 +72,7 @@ struct HTTPURLResponse {
 /// "The network connection was lost.", "A server with the specified hostname could not be
 /// found.", "unsupported URL", "cancelled", ...
 struct Error {
+    // CannotParseResponse: the body was not the JSON a service call expected.
     enum class Code {
         Unknown,
         BadURL,
@@ -79,12 +80,11 @@ struct Error {
         TimedOut,
         ConnectionLost,
         Cancelled,
+        CannotParseResponse,
         CannotFindHost,
         SecureConnectionFailed,
         BadServerResponse,
         TooManyRedirects,
-        // The body was not the JSON a service call expected.
-        CannotParseResponse,
     };
     Code code = Code::Unknown;
     std::string localizedDescription;

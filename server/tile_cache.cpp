@@ -1,0 +1,143 @@
+#include "tile_cache.hpp"
+
+#include <bit>
+#include <cmath>
+#include <cstdlib>
+#include <list>
+#include <mutex>
+#include <unordered_map>
+
+#include "tile_painter.hpp"
+
+namespace sorvan::server {
+namespace {
+
+std::string percentDecode(std::string_view s) {
+    std::string out;
+    for (std::size_t i = 0; i < s.size(); ++i) {
+        if (s[i] == '%' && i + 2 < s.size() &&
+            std::isxdigit(static_cast<unsigned char>(s[i + 1])) &&
+            std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
+            out.push_back(static_cast<char>(
+                std::strtol(std::string(s.substr(i + 1, 2)).c_str(), nullptr, 16)));
+            i += 2;
+        } else {
+            out.push_back(s[i]);
+        }
+    }
+    return out;
+}
+
+std::optional<std::string> item(std::string_view query, std::string_view name) {
+    while (!query.empty()) {
+        std::size_t amp = query.find('&');
+        std::string_view pair = query.substr(0, amp);
+        std::size_t eq = pair.find('=');
+        if (pair.substr(0, eq) == name) {
+            return eq == std::string_view::npos ? std::string()
+                                                : percentDecode(pair.substr(eq + 1));
+        }
+        if (amp == std::string_view::npos) {
+            break;
+        }
+        query.remove_prefix(amp + 1);
+    }
+    return std::nullopt;
+}
+
+std::optional<double> number(const std::optional<std::string>& text) {
+    if (!text || text->empty()) {
+        return std::nullopt;
+    }
+    char* end = nullptr;
+    double v = std::strtod(text->c_str(), &end);
+    if (*end != '\0' || !std::isfinite(v)) {
+        return std::nullopt;
+    }
+    return v;
+}
+
+// Least-recently-used PNG bytes, bounded by their total size.
+class TileCache {
+  public:
+    explicit TileCache(std::size_t limitBytes) : limit_(limitBytes) {}
+
+    std::shared_ptr<const std::string> get(const std::string& key) {
+        std::lock_guard lock(mutex_);
+        auto it = index_.find(key);
+        if (it == index_.end()) {
+            return nullptr;
+        }
+        order_.splice(order_.begin(), order_, it->second);
+        return it->second->second;
+    }
+
+    void put(const std::string& key, std::shared_ptr<const std::string> bytes) {
+        std::lock_guard lock(mutex_);
+        if (index_.count(key) != 0) {
+            return;  // another thread painted it too
+        }
+        bytes_ += bytes->size();
+        order_.emplace_front(key, std::move(bytes));
+        index_[key] = order_.begin();
+        while (bytes_ > limit_ && order_.size() > 1) {
+            bytes_ -= order_.back().second->size();
+            index_.erase(order_.back().first);
+            order_.pop_back();
+        }
+    }
+
+  private:
+    using Entry = std::pair<std::string, std::shared_ptr<const std::string>>;
+    std::mutex mutex_;
+    std::list<Entry> order_;
+    std::unordered_map<std::string, std::list<Entry>::iterator> index_;
+    std::size_t bytes_ = 0;
+    const std::size_t limit_;
+};
+
+TileCache& cache() {
+    static TileCache c(64u << 20);
+    return c;
+}
+
+}  // namespace
+
+std::optional<TileAddress> parseTileQuery(std::string_view query) {
+    auto res = number(item(query, "res"));
+    auto imgid = number(item(query, "imgid"));
+    if (!res || !imgid || *res < 0 || *imgid < 0 || *res > std::exp2(24)) {
+        return std::nullopt;
+    }
+    TileAddress a;
+    a.mode = item(query, "mode").value_or("");
+    auto r = static_cast<std::int64_t>(*res);
+    // The image id is the tile index times a constant, printed as a rounded double; dividing
+    // and rounding recovers the index exactly far beyond the deepest zoom.
+    auto n = static_cast<std::int64_t>(std::llround(*imgid / 923456789.0));
+    if (r > 0) {
+        a.z = static_cast<int>(std::bit_width(static_cast<std::uint64_t>(r))) - 1;
+        a.x = n % r;
+        a.y = n / r;
+    }
+    return a;
+}
+
+std::shared_ptr<const std::string> tilePNG(const std::string& style, int z, std::int64_t x,
+                                           std::int64_t y) {
+    std::string key =
+        style + '\n' + std::to_string(z) + '/' + std::to_string(x) + '/' + std::to_string(y);
+    if (auto hit = cache().get(key)) {
+        return hit;
+    }
+    auto image = paintTile(style, z, x, y);
+    if (!image) {
+        return nullptr;
+    }
+    auto png = image->pngData(tilePNGOptions());
+    auto bytes = std::make_shared<const std::string>(png.begin(), png.end());
+    cache().put(key, bytes);
+    return bytes;
+}
+
+}  // namespace sorvan::server
