@@ -85,8 +85,6 @@ struct Error {
         SecureConnectionFailed,
         BadServerResponse,
         TooManyRedirects,
-        // The body was not the JSON a service call expected.
-        CannotParseResponse,
     };
     Code code = Code::Unknown;
     std::string localizedDescription;
