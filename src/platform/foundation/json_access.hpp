@@ -26,15 +26,27 @@ struct ParseResult {
     std::string errorDescription;  // set when value is empty
 };
 
-/// Parses a body. Never throws.
+/// Parses a body. Never throws. Like the original's decoder, the top level must be an object
+/// or an array; anything else (a bare number or string, empty or malformed text) fails with
+/// a description starting "The data couldn't be read because it isn't in the correct format."
 ParseResult parse(std::string_view bytes);
 
-/// obj[key]; a missing key gives a null value. Throws StructureError when obj is not an
-/// object (null included).
+/// The value a missing member reads as: a null that behaves like nothing at all. Reading a
+/// member or an element of it gives it again instead of throwing, and it has no array items,
+/// so a walk over an absent branch quietly reads zeros and empties, as the original's did.
+/// A JSON null in the document is a different thing: reading into it throws.
+const Value& missing();
+/// Whether v is the missing value (not merely a JSON null).
+bool isMissing(const Value& v);
+
+/// obj[key]; a missing key gives missing(). Throws StructureError when obj is not an
+/// object (a JSON null included); missing() gives missing().
 const Value& member(const Value& obj, std::string_view key);
-/// arr[index]; throws StructureError when arr is not an array or index is out of range.
+/// arr[index]; throws StructureError when arr is not an array (a JSON null included) or
+/// index is out of range; missing() gives missing().
 const Value& element(const Value& arr, std::size_t index);
-/// The elements of an array (null gives none); throws StructureError for other kinds.
+/// The elements of an array; missing() gives none; throws StructureError for other kinds,
+/// a JSON null included.
 const Value::array_t& arrayItems(const Value& arr);
 /// A string; null gives nullopt; throws StructureError for other kinds.
 std::optional<std::string> stringValue(const Value& v);
@@ -46,6 +58,8 @@ std::int64_t integerValue(const Value& v);
 /// locale; booleans 0/1; anything else 0.
 double doubleValue(const Value& v);
 /// The textual form of a string or number ("12" equals 12); other kinds never equal.
+/// Doubles print in their shortest round-trip form, integral ones without ".0" (12.0 equals
+/// "12"); booleans are the numbers 1 and 0, as the original's containers held them.
 bool equalAsString(const Value& a, const Value& b);
 
 }  // namespace sorvan::json

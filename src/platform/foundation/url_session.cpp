@@ -52,6 +52,7 @@ Error makeError(Error::Code code, std::string detail) {
         {Error::Code::TimedOut, "The request timed out."},
         {Error::Code::ConnectionLost, "The network connection was lost."},
         {Error::Code::Cancelled, "cancelled"},
+        {Error::Code::CannotParseResponse, "cannot parse response"},
         {Error::Code::CannotFindHost, "A server with the specified hostname could not be found."},
         {Error::Code::SecureConnectionFailed,
          "An SSL error has occurred and a secure connection to the server cannot be made."},

@@ -27,8 +27,12 @@ class Bundle {
     /// the main bundle). Returns value (or the key itself when value is empty) when the key is
     /// not translated.
     std::string localizedString(const std::string& key, const std::string& value = "") const;
+    /// Where the bundle's translations live (<path>/<language>/LC_MESSAGES/<domain>.mo); unset,
+    /// the system's locale directory. The host also chooses the language, with setlocale.
+    void setLocalizationDirectory(std::string path);
 
-    /// "CFBundleShortVersionString" and friends: the kit answers "3.13".
+    /// "CFBundleShortVersionString" and friends: the kit answers "3.13" (also under
+    /// "CFBundleVersion"); both bundles answer "CFBundleIdentifier". Others give nullopt.
     std::optional<std::string> infoValue(const std::string& key) const;
 
     /// A picture of the kit ("crosshair", "reddot", "information", "marker", "heading"), at the
@@ -47,7 +51,10 @@ class Bundle {
 class Application {
   public:
     using Handler = std::function<bool(const std::string& url)>;
+    /// nullptr restores xdg-open. The handler runs on the caller's thread.
     static void setOpenURLHandler(Handler handler);
+    /// Calls the host's handler and returns its answer; without one, starts `xdg-open url`
+    /// without waiting for it and returns whether it could be started. Never blocks.
     static bool openURL(const std::string& url);
 };
 

@@ -13,8 +13,14 @@ namespace sorvan {
 
 class Defaults {
   public:
-    /// The store of this application (file named after Bundle::main().identifier()).
+    /// The store of this application (file named after Bundle::main().identifier()), opened
+    /// at standardPath() on first use and kept for the rest of the process.
     static Defaults& standard();
+    /// paths::preferences() + "/<main bundle identifier>.defaults.sqlite", from the current
+    /// environment. A file that cannot be read as a store is moved aside to "<path>.corrupt"
+    /// (with a log line) and the store starts empty; where no file can be made at all, the
+    /// values live in memory for the run.
+    static std::string standardPath();
     /// A store in a file of its own (tests).
     static std::unique_ptr<Defaults> open(const std::string& path);
 

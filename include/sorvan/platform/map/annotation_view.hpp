@@ -47,10 +47,12 @@ class AnnotationView : public ui::View {
     bool selected_ = false;
 };
 
-/// A classic pin, tinted, with an optional drop animation when it first appears.
+/// A classic pin, tinted, with an optional drop animation when it first appears. The needle's
+/// tip stands on the annotation's point (the view is 32 x 40 points, centre offset (0, -18)).
 class PinAnnotationView : public AnnotationView {
   public:
-    using AnnotationView::AnnotationView;
+    explicit PinAnnotationView(std::shared_ptr<Annotation> annotation,
+                               std::string reuseIdentifier = "");
     gfx::Color pinTintColor() const { return tint_; }
     void setPinTintColor(gfx::Color c) {
         tint_ = c;

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -72,7 +73,8 @@ class MapView : public ui::View {
     /// The map rect the (unrotated) viewport shows; its width / bounds width = zoom scale.
     MapRect visibleMapRect() const;
     void setVisibleMapRect(const MapRect& rect, bool animated = false);
-    /// Camera heading in degrees clockwise from north (the map rotates by -heading).
+    /// Camera heading in degrees clockwise from north (the map rotates by -heading), in
+    /// [0, 360).
     double cameraHeading() const;
     void setCameraHeading(double degrees, bool animated = false);
     gfx::Point convertCoordinateToPoint(Coordinate c, const ui::View* toView) const;
@@ -80,9 +82,14 @@ class MapView : public ui::View {
     void setFrame(gfx::Rect frame) override;
 
     // Input from front ends; each completed change posts one regionDidChangeAnimated.
+    /// Drags the map content by a distance in points (as a finger would).
     void panBy(double dxPoints, double dyPoints);
+    /// Zooms in by factor (> 1) or out (< 1), keeping the map under aboutPoint in place.
     void zoomBy(double factor, gfx::Point aboutPoint);
+    /// Adds degrees to the camera heading.
     void rotateBy(double degrees);
+    /// A tap: a button among the subviews gets TouchUpInside; otherwise the topmost annotation
+    /// view under the point is selected; a tap on bare map deselects.
     void tapAt(gfx::Point point);
 
     // Overlays ---------------------------------------------------------------------------
@@ -132,8 +139,17 @@ class MapView : public ui::View {
     void setNeedsDisplay() override;
     /// Number of tile threads (default 4); set before the first overlay is added.
     void setTileThreadCount(int count);
+    /// Size of the memory cache of loaded tiles (default 64 MB).
+    void setTileCacheLimit(std::size_t bytes);
+    std::size_t tileCacheBytes() const;
+    /// Draws the current frame as it stands (tiles not yet drawn are left out or shown from a
+    /// coarser level) into a context whose user space is this view's points; starts loading
+    /// and drawing what is missing. For interactive front ends with their own surface.
+    void drawFrame(cairo_t* context);
 
     void layoutSubviews() override;
+    /// The map, its overlays and annotation views (subviews are drawn above by the caller).
+    void draw(cairo_t* context, gfx::Rect bounds) override;
 
   protected:
     /// The base-class behaviour without the virtual dispatch, for subclasses that override.

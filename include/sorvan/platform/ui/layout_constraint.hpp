@@ -25,7 +25,7 @@ enum class LayoutAttribute {
 };
 enum class LayoutRelation { LessThanOrEqual = -1, Equal = 0, GreaterThanOrEqual = 1 };
 
-class LayoutConstraint {
+class LayoutConstraint : public std::enable_shared_from_this<LayoutConstraint> {
   public:
     /// item2 may be null for a constant (width, height) constraint.
     static std::shared_ptr<LayoutConstraint> create(const std::shared_ptr<View>& item1,
@@ -33,7 +33,8 @@ class LayoutConstraint {
                                                     const std::shared_ptr<View>& item2,
                                                     LayoutAttribute attr2, double multiplier = 1.0,
                                                     double constant = 0.0);
-    /// Activating installs the constraint on the items' nearest common ancestor.
+    /// Activating installs the constraint on the items' nearest common ancestor (or on the
+    /// item itself for a constant width or height), which keeps it while it is active.
     static void activate(std::initializer_list<std::shared_ptr<LayoutConstraint>> constraints);
     static void activate(const std::vector<std::shared_ptr<LayoutConstraint>>& constraints);
 

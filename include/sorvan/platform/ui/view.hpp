@@ -69,6 +69,8 @@ class View : public std::enable_shared_from_this<View> {
     void animateTransform(const gfx::AffineTransform& t, double durationSeconds);
     /// The transform to target once any animation has finished.
     gfx::AffineTransform targetTransform() const;
+    /// True while this view or one of its subviews has a transform animation running.
+    bool isAnimating() const;
 
     const std::vector<std::shared_ptr<View>>& subviews() const { return subviews_; }
     std::shared_ptr<View> superview() const { return superview_.lock(); }
@@ -95,7 +97,8 @@ class View : public std::enable_shared_from_this<View> {
     /// The topmost visible view at a point in this view's space (nullptr when none).
     std::shared_ptr<View> hitTest(gfx::Point p);
 
-    /// Constraints whose first or second item is this view (kept by the common ancestor).
+    /// Constraints installed on this view (activation installs a constraint on the nearest
+    /// common ancestor of its items).
     const std::vector<std::shared_ptr<LayoutConstraint>>& constraints() const {
         return constraints_;
     }

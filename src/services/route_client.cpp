@@ -1,0 +1,222 @@
+#include <exception>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "SorvanMapSDK/SMRouteGuide.hpp"
+#include "SorvanMapSDK/SMRouteOptions.hpp"
+#include "SorvanMapSDK/SMRouteResult.hpp"
+#include "services/fetch.hpp"
+#include "services/service_client.hpp"
+#include "sorvan/platform/foundation/format.hpp"
+#include "sorvan/platform/foundation/log.hpp"
+
+namespace sorvan::services {
+namespace {
+
+constexpr const char* kGuidePath = "/tvroute/json/route/guide";
+constexpr const char* kPathPath = "/tvroute/json/route/path";
+
+void logRouteError(map::Coordinate from, map::Coordinate to, const std::string& description) {
+    log::writef("route Error (%f,%f,%f,%f): %s", from.latitude, from.longitude, to.latitude,
+                to.longitude, description.c_str());
+}
+
+void logPathError(std::int64_t routeId, const std::string& description) {
+    log::writef("path Error (%ld): %s", static_cast<long>(routeId), description.c_str());
+}
+
+// The route is the first element of "data". An answer with no "data" at all reads as an empty
+// route (every figure 0, id 0, no steps); a "data" that is present but not a non-empty array,
+// or a route that is not an object, is a fault.
+json::Value routeOf(const json::Value& root) {
+    if (root.is_object() && !root.contains("data")) {
+        return json::Value();
+    }
+    return json::element(json::member(root, "data"), 0);
+}
+
+double routeDouble(const json::Value& route, const char* key) {
+    return route.is_null() ? 0.0 : json::doubleValue(json::member(route, key));
+}
+
+std::int64_t routeInteger(const json::Value& route, const char* key) {
+    return route.is_null() ? 0 : json::integerValue(json::member(route, key));
+}
+
+std::string textOf(const json::Value& v) {
+    if (v.is_string()) {
+        return v.get<std::string>();
+    }
+    return v.is_null() ? std::string() : v.dump();
+}
+
+// Joins the route's steps with the path's polylines. Geometry is used only when there is one
+// polyline per step; otherwise every step keeps its empty polyline.
+std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(
+    const json::Value& route,
+    const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& lines) {
+    std::vector<std::shared_ptr<SMRouteGuide>> guides;
+    if (route.is_null()) {
+        return guides;
+    }
+    const auto& steps = json::arrayItems(json::member(route, "guide"));
+    bool withGeometry = lines && lines->size() == steps.size();
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        const auto& step = steps[i];
+        auto guide = std::make_shared<SMRouteGuide>();
+        guide->setName(textOf(json::member(step, "name")));
+        guide->setDistance(json::integerValue(json::member(step, "distance")));
+        guide->setInterval(json::integerValue(json::member(step, "interval")));
+        if (withGeometry) {
+            guide->setPath((*lines)[i]);
+        }
+        std::int64_t code = json::integerValue(json::member(step, "turn"));
+        if (code >= 0 && code <= 6) {
+            guide->setTurn(SMRouteGuide::turnForServiceCode(code));
+        }
+        guides.push_back(std::move(guide));
+    }
+    return guides;
+}
+
+std::shared_ptr<map::Polyline> polylineOf(const json::Value& step) {
+    if (!step.is_array()) {
+        throw json::StructureError("a point list of kind " + std::string(step.type_name()) +
+                                   " where an array was expected");
+    }
+    std::vector<map::Coordinate> buffer;
+    buffer.reserve(step.size());
+    for (const auto& point : step) {
+        buffer.push_back({json::doubleValue(json::member(point, "lat")),
+                          json::doubleValue(json::member(point, "lon"))});
+    }
+    return map::Polyline::withCoordinates(buffer.data(), buffer.size());
+}
+
+}  // namespace
+
+RouteClient::RouteClient(ServiceSettings settings) : settings_(std::move(settings)) {}
+
+const char* RouteClient::modeLetter(std::int64_t mode) {
+    switch (mode) {
+        case 2:
+            return "d";
+        case 1:
+            return "c";
+        default:
+            return "t";
+    }
+}
+
+long RouteClient::typeBits(bool allowedTollway, bool allowedFerry) {
+    long type = allowedFerry ? 9 : 1;
+    if (allowedTollway) {
+        type |= 16;
+    }
+    return type;
+}
+
+std::string RouteClient::guideQuery(map::Coordinate from, map::Coordinate to,
+                                    const SMRouteOptions* options) const {
+    std::string query =
+        strformat("flat=%f&flon=%f&tlat=%f&tlon=%f&locale=%s&key=%s", from.latitude, from.longitude,
+                  to.latitude, to.longitude, settings_.locale.c_str(), settings_.key.c_str());
+    if (options) {
+        query += strformat("&mode=%s&type=%ld", modeLetter(options->mode()),
+                           typeBits(options->allowedTollway(), options->allowedFerry()));
+    }
+    return query;
+}
+
+void RouteClient::routeFrom(map::Coordinate from, map::Coordinate to, const SMRouteOptions* options,
+                            SMRouteResultBlock result) const {
+    auto request = makeRequest(settings_, kGuidePath, guideQuery(from, to, options));
+    RouteClient self = *this;
+    fetchJSON(
+        std::move(request), [self, from, to, result = std::move(result)](
+                                std::optional<json::Value> root, std::optional<net::Error> error) {
+            auto block = result;
+            if (error) {
+                if (block) {
+                    block(nullptr, error);
+                }
+                logRouteError(from, to, error->localizedDescription);
+                return;
+            }
+            std::shared_ptr<SMRouteResult> route;
+            json::Value routeJson;
+            std::int64_t routeId = 0;
+            try {
+                routeJson = routeOf(*root);
+                route = std::make_shared<SMRouteResult>();
+                route->setFDistance(routeDouble(routeJson, "fdistance"));
+                route->setTDistance(routeDouble(routeJson, "tdistance"));
+                route->setDistance(routeInteger(routeJson, "distance"));
+                route->setInterval(routeInteger(routeJson, "interval"));
+                routeId = routeInteger(routeJson, "id");
+            } catch (const std::exception& e) {
+                // A malformed answer gives the caller neither a route nor an error object, and
+                // no path request is made.
+                if (block) {
+                    block(nullptr, std::nullopt);
+                }
+                logRouteError(from, to, e.what());
+                return;
+            }
+            self.pathFrom(routeId, [from, to, route, routeJson = std::move(routeJson), block](
+                                       const auto& polylines, const std::optional<net::Error>&) {
+                // A failed path request still yields the route, without geometry.
+                std::vector<std::shared_ptr<SMRouteGuide>> guides;
+                try {
+                    guides = joinGuide(routeJson, polylines);
+                } catch (const std::exception& e) {
+                    // Steps of the wrong kind after a well-formed route head: reported like a
+                    // malformed answer rather than taking the session queue down.
+                    if (block) {
+                        block(nullptr, std::nullopt);
+                    }
+                    logRouteError(from, to, e.what());
+                    return;
+                }
+                route->setGuide(std::move(guides));
+                if (block) {
+                    block(route, std::nullopt);
+                }
+            });
+        });
+}
+
+void RouteClient::pathFrom(std::int64_t routeId, SMPathResult result) const {
+    // The path request carries neither key nor locale.
+    auto request =
+        makeRequest(settings_, kPathPath, strformat("id=%ld", static_cast<long>(routeId)));
+    fetchJSON(std::move(request),
+              [routeId, result = std::move(result)](std::optional<json::Value> root,
+                                                    std::optional<net::Error> error) {
+                  auto block = result;
+                  if (error) {
+                      // Logged before the caller hears of it: the reverse of the guide request's
+                      // order.
+                      logPathError(routeId, error->localizedDescription);
+                      if (block) {
+                          block(std::nullopt, error);
+                      }
+                      return;
+                  }
+                  std::vector<std::shared_ptr<map::Polyline>> polylines;
+                  try {
+                      for (const auto& step : json::arrayItems(json::member(*root, "data"))) {
+                          polylines.push_back(polylineOf(step));
+                      }
+                  } catch (const std::exception& e) {
+                      logPathError(routeId, e.what());
+                  }
+                  if (block) {
+                      block(std::move(polylines), std::nullopt);
+                  }
+              });
+}
+
+}  // namespace sorvan::services

@@ -1,0 +1,78 @@
+#include "services/service_client.hpp"
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "mapview/globals.hpp"
+#include "services/fetch.hpp"
+#include "sorvan/platform/foundation/bundle.hpp"
+#include "sorvan/platform/foundation/format.hpp"
+
+namespace sorvan::services {
+
+ServiceSettings ServiceSettings::forView(const std::optional<net::URL>& boxDomain,
+                                         std::int64_t language, const std::string& defaultBase) {
+    ServiceSettings s;
+    s.baseAddress = boxDomain ? boxDomain->absoluteString() : defaultBase;
+    s.locale = SorvanMapView::localeCode(language);
+    s.key = globals::apikey();
+    s.bundleIdentifier = Bundle::main().identifier();
+    return s;
+}
+
+std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std::string_view path,
+                                           std::string_view query) {
+    auto components = net::URLComponents::fromString(settings.baseAddress);
+    if (!components) {
+        return std::nullopt;
+    }
+    // Only the base's scheme, host and port survive: a box domain's own path is dropped.
+    components->setPath(std::string(path));
+    // The query setter's encoding is the only one: "&", "=" and "+" in a keyword pass as they
+    // are, which existing services and applications rely on.
+    components->setQuery(query);
+    auto url = components->url();
+    if (!url) {
+        return std::nullopt;
+    }
+    net::URLRequest request(*url);
+    request.setValue(strformat("sorvan://%s", settings.bundleIdentifier.c_str()), "Referer");
+    return request;
+}
+
+net::Error parseError(const std::string& description) {
+    return net::Error{net::Error::Code::CannotParseResponse, description};
+}
+
+void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler) {
+    auto& session = net::URLSession::shared();
+    if (!request) {
+        session.delegateQueue().async([handler = std::move(handler)] {
+            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL"});
+        });
+        return;
+    }
+    // Status codes are not looked at: an error page that is JSON is read like any answer.
+    session.dataTask(
+        *request, [handler = std::move(handler)](const std::optional<net::Data>& data,
+                                                 const std::optional<net::HTTPURLResponse>&,
+                                                 const std::optional<net::Error>& error) {
+            if (error) {
+                handler(std::nullopt, error);
+                return;
+            }
+            std::string_view bytes;
+            if (data) {
+                bytes = std::string_view(reinterpret_cast<const char*>(data->data()), data->size());
+            }
+            auto parsed = json::parse(bytes);
+            if (!parsed.value) {
+                handler(std::nullopt, parseError(parsed.errorDescription));
+                return;
+            }
+            handler(std::move(parsed.value), std::nullopt);
+        });
+}
+
+}  // namespace sorvan::services

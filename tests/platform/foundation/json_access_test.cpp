@@ -1,0 +1,146 @@
+#include "foundation/json_access.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace sorvan::json {
+namespace {
+
+constexpr std::string_view kFormatError =
+    "The data couldn't be read because it isn't in the correct format.";
+
+Value doc(std::string_view text) {
+    auto parsed = parse(text);
+    EXPECT_TRUE(parsed.value.has_value()) << text << ": " << parsed.errorDescription;
+    return parsed.value.value_or(Value());
+}
+
+// Runs f and returns the StructureError's reason, or "no throw".
+template <typename F>
+std::string reasonOf(F f) {
+    try {
+        f();
+    } catch (const StructureError& e) {
+        return e.reason();
+    }
+    return "no throw";
+}
+
+TEST(JsonAccess, ParseRejectsWhatTheOriginalDecoderRejected) {
+    for (std::string_view bad : {"", "   ", "{", "{\"a\":}", "[1,]", "nul", "{'a':1}", "[1] x",
+                                 "\"text\"", "12", "null", "true", "[\"\xff\"]"}) {
+        const auto parsed = parse(bad);
+        EXPECT_FALSE(parsed.value.has_value()) << bad;
+        EXPECT_EQ(parsed.errorDescription.rfind(kFormatError, 0), 0u) << parsed.errorDescription;
+        EXPECT_GT(parsed.errorDescription.size(), kFormatError.size()) << "no detail for " << bad;
+        EXPECT_EQ(parsed.errorDescription.find("json.exception"), std::string::npos);
+    }
+    const auto ok = parse(" {\"data\":[1,\"2\",null]} \n");
+    ASSERT_TRUE(ok.value.has_value());
+    EXPECT_TRUE(ok.errorDescription.empty());
+    EXPECT_EQ(ok.value->at("data").size(), 3u);
+
+    // Deep nesting neither overflows the stack while parsing nor while freeing.
+    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_TRUE(parse(deep).value.has_value());
+}
+
+TEST(JsonAccess, WalkThrowsNamingWhatWasFound) {
+    const Value root = doc(R"({"obj":{"k":"v"},"arr":[1,2],"nul":null,"num":3,"str":"s",
+                               "yes":true})");
+    auto at = [&](const char* key) -> const Value& { return root.at(key); };
+    const std::vector<std::pair<std::function<void()>, std::string>> cases = {
+        {[&] { member(at("arr"), "k"); }, "expected an object, found array"},
+        {[&] { member(at("nul"), "k"); }, "expected an object, found null"},
+        {[&] { member(at("str"), "k"); }, "expected an object, found string"},
+        {[&] { element(at("obj"), 0); }, "expected an array, found object"},
+        {[&] { element(at("nul"), 0); }, "expected an array, found null"},
+        {[&] { element(at("arr"), 2); }, "index 2 beyond the end of an array of 2 elements"},
+        {[&] { arrayItems(at("num")); }, "expected an array, found number"},
+        {[&] { arrayItems(at("nul")); }, "expected an array, found null"},
+        {[&] { stringValue(at("num")); }, "expected a string, found number"},
+        {[&] { stringValue(at("yes")); }, "expected a string, found boolean"},
+        {[&] { stringValue(at("arr")); }, "expected a string, found array"},
+    };
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ(reasonOf(cases[i].first), cases[i].second) << "case " << i;
+    }
+}
+
+TEST(JsonAccess, MissingBranchesReadAsNothing) {
+    const Value root = doc(R"({"obj":{"k":"v"},"nul":null,"arr":["a"]})");
+    const Value& absent = member(root, "absent");
+    EXPECT_TRUE(absent.is_null());
+    EXPECT_TRUE(isMissing(absent));
+    EXPECT_FALSE(isMissing(member(root, "nul")));  // a JSON null is not missing
+    EXPECT_TRUE(isMissing(element(member(member(absent, "a"), "b"), 7)));
+    EXPECT_TRUE(arrayItems(absent).empty());
+    EXPECT_EQ(stringValue(absent), std::nullopt);
+    EXPECT_EQ(stringValue(member(root, "nul")), std::nullopt);
+    EXPECT_EQ(integerValue(absent), 0);
+    EXPECT_EQ(doubleValue(absent), 0.0);
+    EXPECT_EQ(stringValue(member(member(root, "obj"), "k")), "v");
+    EXPECT_EQ(stringValue(element(member(root, "arr"), 0)), "a");
+    ASSERT_EQ(arrayItems(member(root, "arr")).size(), 1u);
+}
+
+TEST(JsonAccess, IntegerValueCoercions) {
+    constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+    constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+    const Value root = doc(R"([3.7, -3.7, 42, -0.0, 1e300, -1e300, 18446744073709551615, true,
+        false, null, {}, [], "3.9", "  -12abc", "+7", "- 5", "-  5", "1e3", "0x1A", "abc", "",
+        " ", "+", "-", "\t\n 8", "007", "9223372036854775807", "9223372036854775808",
+        "99999999999999999999999", "-9223372036854775808", "-9223372036854775809",
+        "-99999999999999999999999", "12 34", "+-3", "٣"])");
+    const std::vector<std::int64_t> expected = {
+        3, -3, 42, 0, kMax, kMin, kMax, 1, 0,    0,    0,    0,    3,    -12,  7,  -5, -5, 1,
+        0, 0,  0,  0, 0,    0,    8,    7, kMax, kMax, kMax, kMin, kMin, kMin, 12, 0,  0};
+    ASSERT_EQ(root.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(integerValue(root[i]), expected[i]) << root[i].dump();
+    }
+    EXPECT_EQ(integerValue(missing()), 0);
+}
+
+TEST(JsonAccess, DoubleValueCoercions) {
+    const Value root = doc(R"([2.5, -7, 18446744073709551615, true, false, null, {}, [],
+        "1,5", "inf", "nan", "  -2.5e3x", "+.5", ".", "1e", "1e+", "1.2.3", "0x1A", "abc",
+        "", "\t3", "--1", "- 1", "1E2", "5e-1", "1e400"])");
+    const std::vector<double> expected = {2.5, -7,      18446744073709551615.0,
+                                          1,   0,       0,
+                                          0,   0,       1.0,
+                                          0,   0,       -2500,
+                                          0.5, 0,       1,
+                                          1,   1.2,     0,
+                                          0,   0,       3,
+                                          0,   0,       100,
+                                          0.5, HUGE_VAL};
+    ASSERT_EQ(root.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(doubleValue(root[i]), expected[i]) << root[i].dump();
+    }
+}
+
+TEST(JsonAccess, EqualAsStringComparesTextualForms) {
+    // [a, b, equal]: doubles print shortest round-trip, integral ones without ".0"; booleans
+    // are 1 and 0; null, objects and arrays have no textual form; nothing is trimmed.
+    const Value cases = doc(R"([[12, "12", true], [12.0, "12", true], [12, 12.0, true],
+        [12.0, "12.0", false], [12.5, "12.5", true], [-3, "-3", true], [0.1, "0.1", true],
+        [1e21, "1e+21", true], [18446744073709551615, "18446744073709551615", true],
+        [true, "1", true], [false, "0", true], [true, "true", false], [null, "null", false],
+        [null, null, false], [{}, {}, false], [[], "", false], ["", "", true], ["", "x", false],
+        [12, " 12", false]])");
+    for (const auto& c : cases) {
+        EXPECT_EQ(equalAsString(c[0], c[1]), c[2].get<bool>()) << c.dump();
+    }
+    EXPECT_FALSE(equalAsString(missing(), missing()));
+}
+
+}  // namespace
+}  // namespace sorvan::json
