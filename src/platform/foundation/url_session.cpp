@@ -181,7 +181,9 @@ void deliver(std::shared_ptr<SessionCore> session, CompletionHandler completion,
             URLCache::shared().store(response->url, *response, *data);
         }
         auto handler = std::move(completion);
-        handler(data, response, error);
+        if (handler) {
+            handler(data, response, error);
+        }
         // The session core may be released here, on its own queue's thread; SerialQueue
         // allows that.
     });
