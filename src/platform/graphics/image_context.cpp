@@ -118,6 +118,9 @@ std::shared_ptr<Image> ImageContext::makeImage() const {
     int stride = cairo_image_surface_get_stride(s);
     const unsigned char* data = cairo_image_surface_get_data(s);
     std::vector<std::uint32_t> pixels(static_cast<std::size_t>(w) * h);
+    if (pixels.empty()) {
+        return Image::fromPixels(w, h, {}, impl_->scale);  // a zero-size surface has no data
+    }
     for (int y = 0; y < h; ++y) {
         std::memcpy(pixels.data() + static_cast<std::size_t>(y) * w,
                     data + static_cast<std::size_t>(y) * stride, static_cast<std::size_t>(w) * 4);
