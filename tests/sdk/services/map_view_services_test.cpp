@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "SorvanMapSDK/SMPinAnnotation.hpp"
-#include "SorvanMapSDK/SMRouteResult.hpp"
 #include "SorvanMapSDK/SMSearchDelegate.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
@@ -76,12 +75,18 @@ class MapViewServices : public testing::ServicesTest {
     std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
 };
 
-TEST_F(MapViewServices, DelegateFormsSendOnlyPositionLocaleAndKey) {
+TEST_F(MapViewServices, DelegateFormsSendOnlyPositionLocaleAndKeyToTheDelegateOfTheMoment) {
+    auto later = std::make_shared<RecordingDelegate>();
     view->searchWithKeyword("wat", {13.7465, 100.493});
     view->searchWithKeyword("wat", {13.7465, 100.493}, "5km", 3, 7);
     view->suggestWithKeyword("wa");
-    ASSERT_TRUE(pumpUntil(
-        [&] { return delegate->searches.size() == 2 && delegate->suggestions.size() == 1; }));
+    // The delegate is looked up when the answer arrives, not when the call was made.
+    view->setSearchDelegate(later);
+    ASSERT_TRUE(
+        pumpUntil([&] { return later->searches.size() == 2 && later->suggestions.size() == 1; }));
+    EXPECT_TRUE(delegate->searches.empty());
+    EXPECT_TRUE(later->onMain);
+    EXPECT_EQ(later->searches[0].size(), 20u);  // the service's own page size
     auto searches = service().requests(kSearch);
     ASSERT_EQ(searches.size(), 2u);
     EXPECT_EQ(searches[0].query, "keyword=wat&lat=13.746500&lon=100.493000&locale=th&key=view-key");
@@ -89,30 +94,15 @@ TEST_F(MapViewServices, DelegateFormsSendOnlyPositionLocaleAndKey) {
     EXPECT_EQ(searches[0].headers.at("referer"), "sorvan://" + Bundle::main().identifier());
     EXPECT_EQ(lastQuery("/mapsearch/json/suggest"), "keyword=wa&locale=th&key=view-key");
 
-    ASSERT_EQ(delegate->searches.size(), 2u);
-    EXPECT_EQ(delegate->searches[0].size(), 20u);  // the service's own page size
-    EXPECT_EQ(delegate->suggestions.size(), 1u);
-    EXPECT_TRUE(delegate->onMain);
-    EXPECT_TRUE(capture.lines().empty());
-}
-
-TEST_F(MapViewServices, DelegateIsLookedUpWhenTheAnswerArrives) {
-    auto later = std::make_shared<RecordingDelegate>();
-    view->searchWithKeyword("wat", kCentre);
-    view->setSearchDelegate(later);
-    ASSERT_TRUE(pumpUntil([&] { return later->searches.size() == 1; }));
-    EXPECT_TRUE(delegate->searches.empty());
-    EXPECT_EQ(later->searches.size(), 1u);
-
     // A delegate that is gone, or a view that is gone, makes the answer a no-op.
     later.reset();
     view->suggestWithKeyword("wa");
-    awaitUnheard("/mapsearch/json/suggest", 1);
+    awaitUnheard("/mapsearch/json/suggest", 2);
     view->setSearchDelegate(delegate);
     view->searchWithKeyword("wat", kCentre);
     view.reset();
-    awaitUnheard(kSearch, 2);
-    EXPECT_EQ(delegate->searches.size(), 0u);
+    awaitUnheard(kSearch, 3);
+    EXPECT_TRUE(delegate->searches.empty());
     EXPECT_TRUE(capture.lines().empty());
 }
 
@@ -132,6 +122,13 @@ TEST_F(MapViewServices, CompletionFormsUseTheViewsCentreLanguageAndBoxDomain) {
 
     view->setLanguage(2);
     EXPECT_EQ(run(nullptr), "keyword=wat&locale=en&key=view-key");
+    CallbackProbe routed(capture);
+    view->routeFrom({13.7462, 100.5347}, {13.69, 100.7501}, nullptr,
+                    [&](const auto&, const auto&) { routed.hit(); });
+    routed.wait();
+    EXPECT_EQ(
+        lastQuery("/tvroute/json/route/guide"),
+        "flat=13.746200&flon=100.534700&tlat=13.690000&tlon=100.750100&locale=en&key=view-key");
     view->setLanguage(7);
     EXPECT_EQ(run(nullptr), "keyword=wat&locale=th&key=view-key");
 
@@ -144,37 +141,6 @@ TEST_F(MapViewServices, CompletionFormsUseTheViewsCentreLanguageAndBoxDomain) {
     auto requests = service().requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].path, kSearch);
-}
-
-TEST_F(MapViewServices, RoutesAndPathsThroughTheView) {
-    view->setLanguage(2);
-    std::shared_ptr<SMRouteResult> route;
-    CallbackProbe probe(capture);
-    view->routeFrom({13.7462, 100.5347}, {13.69, 100.7501}, nullptr,
-                    [&](const auto& r, const auto&) {
-                        route = r;
-                        probe.hit();
-                    });
-    ASSERT_TRUE(probe.wait());
-    EXPECT_TRUE(probe.ranOnSessionQueue());
-    ASSERT_TRUE(route);
-    ASSERT_FALSE(route->guide().empty());
-    EXPECT_EQ(route->guide().front()->name(), "Phaya Thai Road");
-    EXPECT_EQ(
-        lastQuery("/tvroute/json/route/guide"),
-        "flat=13.746200&flon=100.534700&tlat=13.690000&tlon=100.750100&locale=en&key=view-key");
-
-    auto id = lastQuery("/tvroute/json/route/path").substr(3);
-    std::optional<std::vector<std::shared_ptr<map::Polyline>>> lines;
-    CallbackProbe pathProbe(capture);
-    view->pathFrom(std::stoll(id), [&](const auto& l, const auto&) {
-        lines = l;
-        pathProbe.hit();
-    });
-    ASSERT_TRUE(pathProbe.wait());
-    ASSERT_TRUE(lines);
-    ASSERT_EQ(lines->size(), route->guide().size());
-    EXPECT_EQ(lines->back()->pointCount(), route->guide().back()->path()->pointCount());
 }
 
 }  // namespace
