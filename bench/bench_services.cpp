@@ -1,16 +1,21 @@
 // Search and routing through the kit's clients against plain libcurl fetching the very same
-// answers from the embedded service, in one run. The difference is the client's own cost:
-// request building, the session's thread hops, JSON decoding and building pins or a route.
+// answers from the embedded service, in one run.
 //
-//   build/bench/bench_services                    # all four, then the overhead summary
-//   build/bench/bench_services --benchmark_min_time=2s
+// Each round of a *Paired benchmark fetches the answer three ways, in rotating order so that
+// neither warm connections nor a busy machine favour one: libcurl on the calling thread (the
+// floor), the kit's URL session alone (the transport: its network thread, the hop to its
+// queue), and the client (the same plus request building, JSON decoding and building pins or
+// a route). The *Decode benchmarks time the client's own decoding alone, in CPU time.
+//
+//   build/bench/bench_services
+//   build/bench/bench_services --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
 #include <curl/curl.h>
 
+#include <array>
+#include <chrono>
 #include <cstdio>
+#include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <optional>
 #include <string>
 
 #include <benchmark/benchmark.h>
@@ -31,6 +36,9 @@ namespace {
 constexpr map::Coordinate kNear{13.7462, 100.5347};
 constexpr map::Coordinate kFrom{13.7462, 100.5347};
 constexpr map::Coordinate kTo{13.6900, 100.7501};
+constexpr const char* kSearchPath = "/mapsearch/json/search";
+constexpr const char* kGuidePath = "/tvroute/json/route/guide";
+constexpr const char* kPathPath = "/tvroute/json/route/path";
 
 server::EmbeddedService& service() {
     static server::EmbeddedService s;
@@ -57,8 +65,8 @@ const SMSearchOptions& searchOptions() {
     return options;
 }
 
-std::string urlOf(std::string_view path, const std::string& query) {
-    return services::makeRequest(settings(), path, query)->url().absoluteString();
+net::URLRequest requestFor(std::string_view path, const std::string& query) {
+    return *services::makeRequest(settings(), path, query);
 }
 
 // One easy handle, kept alive across requests like the session's connections.
@@ -77,9 +85,9 @@ class Curl {
     Curl(const Curl&) = delete;
     Curl& operator=(const Curl&) = delete;
 
-    const std::string& get(const std::string& url) {
+    const std::string& get(const net::URLRequest& request) {
         body_.clear();
-        curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
+        curl_easy_setopt(handle_, CURLOPT_URL, request.url().absoluteString().c_str());
         if (curl_easy_perform(handle_) != CURLE_OK) {
             body_.clear();
         }
@@ -96,146 +104,104 @@ class Curl {
     std::string body_;
 };
 
+// Runs the three ways of getting one answer in rotating order and reports each one's mean
+// wall-clock time per call, and the client's overhead over libcurl.
+void runPaired(benchmark::State& state, const std::array<std::function<bool()>, 3>& ways) {
+    using Clock = std::chrono::steady_clock;
+    std::array<double, 3> seconds{};
+    std::size_t round = 0;
+    for (auto _ : state) {
+        for (std::size_t k = 0; k < 3; ++k) {
+            std::size_t way = (round + k) % 3;
+            auto start = Clock::now();
+            if (!ways[way]()) {
+                state.SkipWithError("no answer");
+                return;
+            }
+            seconds[way] += std::chrono::duration<double>(Clock::now() - start).count();
+        }
+        ++round;
+    }
+    double n = static_cast<double>(state.iterations());
+    double curl = seconds[0] / n * 1e6, session = seconds[1] / n * 1e6,
+           client = seconds[2] / n * 1e6;
+    state.counters["curl_us"] = curl;
+    state.counters["session_us"] = session;
+    state.counters["client_us"] = client;
+    state.counters["client/s"] = 1e6 / client;
+    state.counters["over_curl_%"] = 100.0 * (client - curl) / curl;
+    state.counters["over_session_%"] = 100.0 * (client - session) / session;
+}
+
 // Waits for a completion that runs on the session queue.
-class Waiter {
-  public:
-    void done() { semaphore_.signal(); }
-    void wait() { semaphore_.wait(); }
-
-  private:
-    dispatch::Semaphore semaphore_;
-};
-
-void BM_SearchClient(benchmark::State& state) {
-    services::SearchClient client(settings(), [] { return kNear; });
-    Waiter waiter;
-    std::size_t hits = 0;
-    for (auto _ : state) {
-        client.searchKeyword("siam", &searchOptions(), [&](const auto& pins, const auto&) {
-            hits = pins ? pins->size() : 0;
-            waiter.done();
-        });
-        waiter.wait();
-    }
-    if (hits == 0) {
-        state.SkipWithError("no hits");
-    }
-    state.SetItemsProcessed(state.iterations());
+bool fetchWithSession(const net::URLRequest& request) {
+    dispatch::Semaphore done;
+    bool ok = false;
+    net::URLSession::shared().dataTask(request, [&](const auto& data, const auto&, const auto&) {
+        ok = data && !data->empty();
+        done.signal();
+    });
+    done.wait();
+    return ok;
 }
 
-void BM_SearchCurl(benchmark::State& state) {
-    services::SearchClient client(settings(), [] { return kNear; });
-    std::string url =
-        urlOf("/mapsearch/json/search", client.optionsSearchQuery("siam", &searchOptions(), kNear));
-    Curl curl;
-    std::size_t bytes = 0;
-    for (auto _ : state) {
-        bytes = curl.get(url).size();
-    }
-    if (bytes == 0) {
-        state.SkipWithError("no answer");
-    }
-    state.SetItemsProcessed(state.iterations());
-}
-
-// The kit's URL session alone fetching the same answer: the transport's share of the time,
-// so that client minus session is the client's own work.
-void BM_SearchSession(benchmark::State& state) {
+void BM_SearchPaired(benchmark::State& state) {
     services::SearchClient client(settings(), [] { return kNear; });
     auto request =
-        services::makeRequest(settings(), "/mapsearch/json/search",
-                              client.optionsSearchQuery("siam", &searchOptions(), kNear));
-    Waiter waiter;
-    for (auto _ : state) {
-        net::URLSession::shared().dataTask(
-            *request, [&](const auto&, const auto&, const auto&) { waiter.done(); });
-        waiter.wait();
-    }
-    state.SetItemsProcessed(state.iterations());
+        requestFor(kSearchPath, client.optionsSearchQuery("siam", &searchOptions(), kNear));
+    Curl curl;
+    runPaired(
+        state,
+        {[&] { return !curl.get(request).empty(); }, [&] { return fetchWithSession(request); },
+         [&] {
+             dispatch::Semaphore done;
+             std::size_t hits = 0;
+             client.searchKeyword("siam", &searchOptions(), [&](const auto& pins, const auto&) {
+                 hits = pins ? pins->size() : 0;
+                 done.signal();
+             });
+             done.wait();
+             return hits > 0;
+         }});
 }
 
-void BM_RouteClient(benchmark::State& state) {
+void BM_RoutePaired(benchmark::State& state) {
     services::RouteClient client(settings());
     SMRouteOptions options;
-    Waiter waiter;
-    std::size_t steps = 0;
-    for (auto _ : state) {
-        client.routeFrom(kFrom, kTo, &options, [&](const auto& route, const auto&) {
-            steps = route ? route->guide().size() : 0;
-            waiter.done();
-        });
-        waiter.wait();
-    }
-    if (steps == 0) {
-        state.SkipWithError("no route");
-    }
-    state.SetItemsProcessed(state.iterations());
-    state.counters["requests/s"] = benchmark::Counter(2.0 * static_cast<double>(state.iterations()),
-                                                      benchmark::Counter::kIsRate);
-}
-
-void BM_RouteCurl(benchmark::State& state) {
-    services::RouteClient client(settings());
-    SMRouteOptions options;
-    std::string guide = urlOf("/tvroute/json/route/guide", client.guideQuery(kFrom, kTo, &options));
+    auto guide = requestFor(kGuidePath, client.guideQuery(kFrom, kTo, &options));
     Curl curl;
     auto answer = nlohmann::json::parse(curl.get(guide), nullptr, false);
     if (answer.is_discarded() || !answer.contains("data") || answer["data"].empty()) {
         state.SkipWithError("no route");
         return;
     }
-    std::string path = urlOf("/tvroute/json/route/path",
-                             "id=" + std::to_string(answer["data"][0]["id"].get<long long>()));
-    std::size_t bytes = 0;
-    for (auto _ : state) {
-        bytes = curl.get(guide).size();
-        bytes += curl.get(path).size();
-    }
-    if (bytes == 0) {
-        state.SkipWithError("no answer");
-    }
-    state.SetItemsProcessed(state.iterations());
-    state.counters["requests/s"] = benchmark::Counter(2.0 * static_cast<double>(state.iterations()),
-                                                      benchmark::Counter::kIsRate);
-}
-
-void BM_RouteSession(benchmark::State& state) {
-    services::RouteClient client(settings());
-    SMRouteOptions options;
-    auto guide = services::makeRequest(settings(), "/tvroute/json/route/guide",
-                                       client.guideQuery(kFrom, kTo, &options));
-    Curl curl;
-    auto answer = nlohmann::json::parse(curl.get(guide->url().absoluteString()), nullptr, false);
-    if (answer.is_discarded() || !answer.contains("data") || answer["data"].empty()) {
-        state.SkipWithError("no route");
-        return;
-    }
     auto path =
-        services::makeRequest(settings(), "/tvroute/json/route/path",
-                              "id=" + std::to_string(answer["data"][0]["id"].get<long long>()));
-    Waiter waiter;
-    for (auto _ : state) {
-        // The path request starts from the guide's completion, as the client's does.
-        net::URLSession::shared().dataTask(*guide, [&](const auto&, const auto&, const auto&) {
-            net::URLSession::shared().dataTask(
-                *path, [&](const auto&, const auto&, const auto&) { waiter.done(); });
-        });
-        waiter.wait();
-    }
-    state.SetItemsProcessed(state.iterations());
+        requestFor(kPathPath, "id=" + std::to_string(answer["data"][0]["id"].get<long long>()));
+    runPaired(state, {[&] { return !curl.get(guide).empty() && !curl.get(path).empty(); },
+                      [&] { return fetchWithSession(guide) && fetchWithSession(path); },
+                      [&] {
+                          dispatch::Semaphore done;
+                          std::size_t steps = 0;
+                          client.routeFrom(kFrom, kTo, &options,
+                                           [&](const auto& route, const auto&) {
+                                               steps = route ? route->guide().size() : 0;
+                                               done.signal();
+                                           });
+                          done.wait();
+                          return steps > 0;
+                      }});
 }
 
-// The client's own work on a search answer, without the network: decoding the body and
-// building the pins, as its completion does on the session queue.
+// The client's own work on a search answer: decoding the body and building the pins, as its
+// completion does on the session queue.
 void BM_SearchDecode(benchmark::State& state) {
     services::SearchClient client(settings(), [] { return kNear; });
     Curl curl;
-    std::string body = curl.get(urlOf("/mapsearch/json/search",
-                                      client.optionsSearchQuery("siam", &searchOptions(), kNear)));
+    std::string body = curl.get(
+        requestFor(kSearchPath, client.optionsSearchQuery("siam", &searchOptions(), kNear)));
     std::size_t hits = 0;
     for (auto _ : state) {
-        auto root = json::parse(body);
-        hits = services::readPins(*root.value, "siam", kNear).size();
+        hits = services::readPins(*json::parse(body).value, "siam", kNear).size();
     }
     if (hits == 0) {
         state.SkipWithError("no hits");
@@ -248,10 +214,9 @@ void BM_RouteDecode(benchmark::State& state) {
     services::RouteClient client(settings());
     SMRouteOptions options;
     Curl curl;
-    std::string guide =
-        curl.get(urlOf("/tvroute/json/route/guide", client.guideQuery(kFrom, kTo, &options)));
+    std::string guide = curl.get(requestFor(kGuidePath, client.guideQuery(kFrom, kTo, &options)));
     auto id = nlohmann::json::parse(guide)["data"][0]["id"].get<long long>();
-    std::string path = curl.get(urlOf("/tvroute/json/route/path", "id=" + std::to_string(id)));
+    std::string path = curl.get(requestFor(kPathPath, "id=" + std::to_string(id)));
     std::size_t steps = 0;
     for (auto _ : state) {
         auto head = services::readRouteHead(std::move(*json::parse(guide).value));
@@ -264,72 +229,55 @@ void BM_RouteDecode(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(guide.size() + path.size());
 }
 
-// The kit's work happens on the session's threads, so wall-clock time is the measure.
-BENCHMARK(BM_SearchCurl)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_SearchSession)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_SearchClient)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_RouteCurl)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_RouteSession)->UseRealTime()->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_RouteClient)->UseRealTime()->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SearchPaired)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(BM_RoutePaired)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_SearchDecode)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RouteDecode)->Unit(benchmark::kMicrosecond);
 
-// Prints the usual table, then per call: the time of plain libcurl, of the kit's session and
-// of the client, from the medians when the run repeats (--benchmark_repetitions) and from the
-// single runs otherwise. Network calls are wall clock (their work is on other threads);
-// decoding is the CPU time of the thread that does it, which a busy machine does not inflate.
-class OverheadReporter : public benchmark::ConsoleReporter {
+// Prints the usual table, then a summary per call from the medians when the run repeats
+// (--benchmark_repetitions) and from the single runs otherwise.
+class SummaryReporter : public benchmark::ConsoleReporter {
   public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& run : runs) {
-            if (run.error_occurred) {
+            bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.error_occurred || (!median && run.run_type != Run::RT_Iteration)) {
                 continue;
             }
-            const auto& name = run.run_name.function_name;
-            bool cpu = name.find("Decode") != std::string::npos;
-            double us = cpu ? run.GetAdjustedCPUTime() : run.GetAdjustedRealTime();
-            if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median") {
-                medians_[name] = us;
-            } else if (run.run_type == Run::RT_Iteration) {
-                singles_[name] = us;
+            auto& into = median ? medians_ : singles_;
+            auto& values = into[run.run_name.function_name];
+            for (const auto& [name, counter] : run.counters) {
+                values[name] = counter.value;
             }
+            values["cpu_us"] = run.GetAdjustedCPUTime();
         }
         ConsoleReporter::ReportRuns(runs);
     }
 
-    void printOverhead() const {
-        const auto& times = medians_.empty() ? singles_ : medians_;
+    void print() const {
+        const auto& all = medians_.empty() ? singles_ : medians_;
         std::printf("\nper call (%s):\n", medians_.empty() ? "one run" : "medians");
         for (const char* what : {"Search", "Route"}) {
-            auto at = [&](const char* kind) {
-                auto it = times.find(std::string("BM_") + what + kind);
-                return it == times.end() ? 0.0 : it->second;
-            };
-            double curl = at("Curl"), session = at("Session"), client = at("Client");
-            double decode = at("Decode");
-            if (curl > 0 && session > 0 && client > 0) {
-                std::printf("  %-6s curl %7.1f us, session %7.1f us, client %7.1f us (%.0f/s)\n",
-                            what, curl, session, client, 1e6 / client);
+            auto paired = all.find(std::string("BM_") + what + "Paired");
+            auto decode = all.find(std::string("BM_") + what + "Decode");
+            if (paired != all.end()) {
+                const auto& v = paired->second;
                 std::printf(
-                    "         client over curl %+7.1f us (%+.1f%%), over the session %+7.1f us "
-                    "(%+.1f%%)\n",
-                    client - curl, 100.0 * (client - curl) / curl, client - session,
-                    100.0 * (client - session) / session);
+                    "  %-6s libcurl %7.1f us | session %7.1f us | client %7.1f us = %.0f per "
+                    "second\n         client over libcurl %+.1f%%, over the bare session %+.1f%%\n",
+                    what, v.at("curl_us"), v.at("session_us"), v.at("client_us"), v.at("client/s"),
+                    v.at("over_curl_%"), v.at("over_session_%"));
             }
-            if (decode > 0) {
-                std::printf(
-                    "  %-6s the client's own decoding: %.1f us CPU%s\n", what, decode,
-                    curl > 0
-                        ? (" = " + std::to_string(static_cast<int>(100.0 * decode / curl + 0.5)) +
-                           "% of a curl fetch")
-                              .c_str()
-                        : "");
+            if (decode != all.end()) {
+                std::printf("         the client's own decoding: %.1f us of CPU per call\n",
+                            decode->second.at("cpu_us"));
             }
         }
     }
 
   private:
-    std::map<std::string, double> medians_, singles_;
+    using Values = std::map<std::string, double>;
+    std::map<std::string, Values> medians_, singles_;
 };
 
 }  // namespace
@@ -341,9 +289,9 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
         return 1;
     }
-    sorvan::OverheadReporter reporter;
+    sorvan::SummaryReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
-    reporter.printOverhead();
+    reporter.print();
     benchmark::Shutdown();
     curl_global_cleanup();
     return 0;

@@ -1,5 +1,6 @@
 #include "support/services_fixtures.hpp"
 
+#include "foundation/json_access.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 
 namespace sorvan::testing {
@@ -90,6 +91,16 @@ bool CallbackProbe::ranOnMainQueue() const {
 std::size_t CallbackProbe::linesBefore() const {
     std::lock_guard lock(mutex_);
     return linesBefore_;
+}
+
+std::string reasonOf(const std::function<void()>& walk) {
+    try {
+        walk();
+    } catch (const json::StructureError& e) {
+        return e.reason();
+    }
+    ADD_FAILURE() << "the walk raised nothing";
+    return "";
 }
 
 bool waitForLines(const log::Capture& capture, std::size_t n, std::chrono::milliseconds timeout) {

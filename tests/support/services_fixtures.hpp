@@ -5,7 +5,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "services/service_client.hpp"
@@ -55,6 +57,25 @@ class CallbackProbe {
     bool session_ = false, main_ = false;
     std::size_t linesBefore_ = 0;
 };
+
+/// The outcome of one completion-style call: what its block got, and when.
+template <class Value>
+struct Outcome {
+    explicit Outcome(const log::Capture& capture) : probe(capture) {}
+    auto block() {
+        return [this](const auto& v, const std::optional<net::Error>& e) {
+            value = v;
+            error = e;
+            probe.hit();
+        };
+    }
+    Value value{};
+    std::optional<net::Error> error;
+    CallbackProbe probe;
+};
+
+/// The reason of the StructureError that walk raises (a test failure when it raises none).
+std::string reasonOf(const std::function<void()>& walk);
 
 /// Pumps the main queue until the capture holds n lines (or the timeout passes).
 bool waitForLines(const log::Capture& capture, std::size_t n,

@@ -12,7 +12,6 @@
 #include "SorvanMapSDK/SMRouteGuide.hpp"
 #include "SorvanMapSDK/SMRouteOptions.hpp"
 #include "SorvanMapSDK/SMRouteResult.hpp"
-#include "SorvanMapSDK/ServiceConfig.hpp"
 #include "command.hpp"
 #include "geodesy_input.hpp"
 #include "service_cli.hpp"
@@ -163,12 +162,12 @@ int runRoute(const std::vector<std::string>& args) {
         return usageError(kName, "FROM_LAT,FROM_LON and TO_LAT,TO_LON are required");
     }
 
-    services::RouteClient client(serviceSettings(common, ServiceConfig::current().routeService));
+    auto view = serviceView(common);
     std::mutex mutex;
     std::shared_ptr<SMRouteResult> route;
     std::optional<net::Error> error;
     dispatch::Semaphore done;
-    client.routeFrom(ends[0], ends[1], options.get(), [&](const auto& r, const auto& e) {
+    view->routeFrom(ends[0], ends[1], options, [&](const auto& r, const auto& e) {
         std::lock_guard lock(mutex);
         route = r;
         error = e;

@@ -9,7 +9,6 @@
 
 #include "SorvanMapSDK/SMPinAnnotation.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
-#include "SorvanMapSDK/ServiceConfig.hpp"
 #include "command.hpp"
 #include "geodesy_input.hpp"
 #include "service_cli.hpp"
@@ -138,13 +137,12 @@ int runSearch(const std::vector<std::string>& args) {
         return usageError(kName, "a KEYWORD is required");
     }
 
-    services::SearchClient client(serviceSettings(common, ServiceConfig::current().searchService),
-                                  [] { return kToolMapCenter; });
+    auto view = serviceView(common);
     std::mutex mutex;
     std::optional<services::Pins> pins;
     std::optional<net::Error> error;
     dispatch::Semaphore done;
-    client.searchKeyword(*keyword, options.get(), [&](const auto& p, const auto& e) {
+    view->searchKeyword(*keyword, options, [&](const auto& p, const auto& e) {
         std::lock_guard lock(mutex);
         pins = p;
         error = e;

@@ -8,7 +8,6 @@
 #include <nlohmann/json.hpp>
 
 #include "SorvanMapSDK/SMSuggestOptions.hpp"
-#include "SorvanMapSDK/ServiceConfig.hpp"
 #include "command.hpp"
 #include "service_cli.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
@@ -76,13 +75,12 @@ int runSuggest(const std::vector<std::string>& args) {
         return usageError(kName, "a PREFIX is required");
     }
 
-    services::SearchClient client(serviceSettings(common, ServiceConfig::current().searchService),
-                                  {});
+    auto view = serviceView(common);
     std::mutex mutex;
     std::optional<services::Words> words;
     std::optional<net::Error> error;
     dispatch::Semaphore done;
-    client.suggestKeyword(*prefix, options.get(), [&](const auto& w, const auto& e) {
+    view->suggestKeyword(*prefix, options, [&](const auto& w, const auto& e) {
         std::lock_guard lock(mutex);
         words = w;
         error = e;

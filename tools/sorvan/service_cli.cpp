@@ -6,7 +6,6 @@
 #include <cstdlib>
 
 #include "command.hpp"
-#include "mapview/globals.hpp"
 
 namespace sorvan::cli {
 
@@ -72,16 +71,18 @@ int takeServiceOption(const std::string& command, const std::vector<std::string>
     return 0;
 }
 
-services::ServiceSettings serviceSettings(const ServiceOptions& options,
-                                          const std::string& defaultBase) {
+std::shared_ptr<SorvanMapView> serviceView(const ServiceOptions& options) {
     std::string key = options.key;
     if (key.empty()) {
         if (const char* env = std::getenv("SORVAN_KEY")) {
             key = env;
         }
     }
-    globals::setApikey(key);
-    return services::ServiceSettings::forView(std::nullopt, options.language, defaultBase);
+    auto view = SorvanMapView::create({0, 0, 800, 600});
+    view->setKey(key);
+    view->setLanguage(options.language);
+    view->setCenterCoordinate(kToolMapCenter);
+    return view;
 }
 
 std::size_t displayWidth(const std::string& text) {

@@ -5,10 +5,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "SorvanMapSDK/SorvanMapView.hpp"
 #include "services/service_client.hpp"
 
 namespace sorvan::cli {
@@ -32,9 +34,10 @@ std::optional<std::int64_t> parseInteger(const std::string& text);
 /// True for an argument that is an option and not a negative number.
 bool looksLikeOption(const std::string& arg);
 
-/// The process settings for one call: the key is stored as the kit's key.
-services::ServiceSettings serviceSettings(const ServiceOptions& options,
-                                          const std::string& defaultBase);
+/// A map view set up as the options say (key, language), centred on kToolMapCenter. The
+/// tool only calls its completion-style services, whose blocks run on the session queue, so
+/// no main loop has to run.
+std::shared_ptr<SorvanMapView> serviceView(const ServiceOptions& options);
 
 /// The centre of the map the tool pretends to show, for searches without a position.
 inline constexpr map::Coordinate kToolMapCenter{13.7563, 100.5018};
