@@ -5,9 +5,8 @@ namespace sorvan::server {
 
 class EmbeddedService;
 
-/// WMS GetMap ("/wms"), {z}/{x}/{y} ("/tiles/", "/overlay/") and TMS ("/tms/") templates, data
-/// tiles ("/data/"), and the partner and traffic map-server paths
-/// ("/partner/map/msn-server/img.php", "/traffic/map/msn-server/img.php").
+/// WMS GetMap ("/wms", LAYERS = a map style), {z}/{x}/{y} ("/tiles/" normal, "/overlay/"
+/// icons) and TMS ("/tms/") templates, and data tiles ("/data/", a small JSON echo).
 void installTileRoutes(EmbeddedService& service);
 /// "/terms": the terms-of-use page of the map service, in Thai and English.
 void installTermsRoutes(EmbeddedService& service);

@@ -57,44 +57,76 @@ bool isTileSized(const gfx::Image& image) {
     return image.pixelWidth() == kTileSide && image.pixelHeight() == kTileSide;
 }
 
-// Draws top over bottom into a 256 x 256 picture (either may be missing). Layers that are
-// already tile-sized and meet nothing are passed through untouched: drawing a picture 1:1
-// over transparency gives back the same pixels, and skipping it saves a surface per layer.
-std::shared_ptr<gfx::Image> compose(const std::shared_ptr<gfx::Image>& bottom,
-                                    const std::shared_ptr<gfx::Image>& top) {
-    if (!top && (!bottom || isTileSized(*bottom))) {
-        return bottom ? bottom : blankTile();
-    }
-    if (!bottom && isTileSized(*top)) {
-        return top;
-    }
-    if (bottom && top && isTileSized(*top) && top->isOpaque()) {
-        return top;
-    }
-    gfx::ImageContext context({kTileSide, kTileSide}, 1.0);
-    gfx::Rect all(0, 0, kTileSide, kTileSide);
-    if (bottom) {
-        context.drawImage(*bottom, all);
-    }
-    if (top) {
-        context.drawImage(*top, all);
-    }
-    return context.makeImage();
-}
+// The picture a tile load builds, bottom layer first. Each layer is drawn over what is there
+// (source-over, into 256 x 256 at scale 1). The layers are drawn into one surface as they
+// come rather than into a fresh surface per layer: re-drawing the picture so far 1:1 into a
+// new surface copies it exactly, so the pixels are the same and a surface and a copy per
+// layer are saved. A single tile-sized layer is passed through without any surface at all.
+class Canvas {
+  public:
+    explicit Canvas(std::shared_ptr<gfx::Image> picture) : image_(std::move(picture)) {}
 
-// Opaque white under everything drawn so far.
-std::shared_ptr<gfx::Image> whiteUnder(const std::shared_ptr<gfx::Image>& picture) {
-    if (picture && isTileSized(*picture) && picture->isOpaque()) {
-        return picture;
+    // Draws top over the picture; a missing top draws nothing, but there is a (transparent)
+    // picture afterwards all the same.
+    void draw(const std::shared_ptr<gfx::Image>& top) {
+        if (context_) {
+            if (top) {
+                context_->drawImage(*top, all());
+            }
+            return;
+        }
+        bool imageFits = !image_ || isTileSized(*image_);
+        if (!top && imageFits) {
+            image_ = image_ ? image_ : blankTile();
+            return;
+        }
+        if (top && isTileSized(*top) && (!image_ || top->isOpaque())) {
+            image_ = top;  // nothing below shows through
+            return;
+        }
+        open();
+        if (top) {
+            context_->drawImage(*top, all());
+        }
     }
-    gfx::ImageContext context({kTileSide, kTileSide}, 1.0);
-    gfx::Rect all(0, 0, kTileSide, kTileSide);
-    context.fill(all, gfx::Color::white());
-    if (picture) {
-        context.drawImage(*picture, all);
+
+    // Opaque white under everything drawn so far.
+    void whiteUnder() {
+        std::shared_ptr<gfx::Image> picture = take();
+        if (picture && isTileSized(*picture) && picture->isOpaque()) {
+            image_ = picture;
+            return;
+        }
+        context_ = std::make_unique<gfx::ImageContext>(gfx::Size{kTileSide, kTileSide}, 1.0);
+        context_->fill(all(), gfx::Color::white());
+        if (picture) {
+            context_->drawImage(*picture, all());
+        }
     }
-    return context.makeImage();
-}
+
+    // The picture so far; nullptr when nothing was ever drawn.
+    std::shared_ptr<gfx::Image> take() {
+        if (context_) {
+            image_ = context_->makeImage();
+            context_.reset();
+        }
+        return image_;
+    }
+
+  private:
+    static gfx::Rect all() { return {0, 0, kTileSide, kTileSide}; }
+
+    void open() {
+        context_ = std::make_unique<gfx::ImageContext>(gfx::Size{kTileSide, kTileSide}, 1.0);
+        if (image_) {
+            context_->drawImage(*image_, all());
+        }
+        image_.reset();
+    }
+
+    std::shared_ptr<gfx::Image> image_;
+    std::unique_ptr<gfx::ImageContext> context_;
+};
 
 }  // namespace
 
@@ -346,6 +378,7 @@ std::shared_ptr<gfx::Image> SMTileOverlay::getImageFrom(std::size_t index,
 std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers, std::size_t index,
                                                 std::shared_ptr<gfx::Image> picture,
                                                 const map::TilePath& path) {
+    Canvas canvas(std::move(picture));
     for (std::size_t i = index; i < layers.modes.size(); ++i) {
         std::int64_t m = layers.modes[i];
         bool last = i + 1 == layers.modes.size();
@@ -354,12 +387,12 @@ std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers,
                 std::string file = paths::documents() + "/" + tiles::offlineGrayPath(path);
                 std::error_code ignored;
                 if (std::filesystem::exists(file, ignored)) {
-                    picture = compose(picture, gfx::Image::fromFile(file));
+                    canvas.draw(gfx::Image::fromFile(file));
                 }
                 continue;
             }
             case 18:
-                picture = whiteUnder(picture);
+                canvas.whiteUnder();
                 continue;
             case 19:
                 // A stack that ends in "none" deliberately yields no picture at all.
@@ -386,12 +419,12 @@ std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers,
             }
             // A server address spoiled by its key: the request could not even start.
             log::writef("TILE ERROR: %s", "unsupported URL");
-            picture = compose(picture, nullptr);
+            canvas.draw(nullptr);
             continue;
         }
-        picture = compose(picture, fetchImage(layers, i, *url));
+        canvas.draw(fetchImage(layers, i, *url));
     }
-    return picture;
+    return canvas.take();
 }
 
 void SMTileOverlay::fetchData(const tiles::LayerStack& layers, const std::string& address) {

@@ -11,6 +11,7 @@
 // opens and clears).
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <memory>
@@ -74,6 +75,7 @@ class TileCache {
     std::deque<std::string> list_;          // guarded by mutex_
     bool mirrored_ = true;                  // guarded by mutex_: the defaults hold exactly list_
     Defaults* defaultsOverride_ = nullptr;  // guarded by mutex_
+    std::chrono::steady_clock::time_point lastSynchronized_;  // guarded by mutex_
 };
 
 }  // namespace sorvan::tiles
