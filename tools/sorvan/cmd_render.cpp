@@ -373,6 +373,20 @@ class LogCollector {
     std::vector<std::string> tileErrors_;
 };
 
+// Tile threads still blocked in a fetch would hold the exit up to the request timeout (60 s);
+// the picture is written (atomically) or refused by now, so nothing is lost by not waiting.
+int leaveWithoutWaiting(int status) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
+}
+
+std::string formatSeconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", seconds);
+    return text;
+}
+
 // The template with {x}, {y} and {z} replaced by 0.
 std::string withPlaceholdersFilled(const std::string& urlTemplate) {
     std::string out;
@@ -462,8 +476,16 @@ int run(const std::vector<std::string>& args) {
     }
 
     std::vector<std::string> errors = logs.tileErrors();
+    bool timedOut = millisecondsSince(drawing) >= o.timeout * 1000.0;
     if (!o.partial) {
         std::string origin = ServiceConfig::current().mapServer;
+        if (timedOut) {
+            return leaveWithoutWaiting(
+                failure(kName, "tiles were still loading after " + formatSeconds(o.timeout) +
+                                   " s (map service: " + origin +
+                                   "; a slow or hung service? raise --timeout, or use --partial to "
+                                   "write what arrived)"));
+        }
         if (!errors.empty()) {
             return failure(kName, std::to_string(errors.size()) +
                                       " tile request(s) failed; the first: " + errors.front() +
@@ -491,7 +513,7 @@ int run(const std::vector<std::string>& args) {
         std::fprintf(stderr, "sorvan render: %s written in %.1f ms\n", o.output.c_str(),
                      millisecondsSince(writing));
     }
-    return 0;
+    return timedOut ? leaveWithoutWaiting(0) : 0;
 }
 
 Command::Registration registration{
