@@ -1,3 +1,8 @@
+#include <chrono>
+#include <cstdlib>
+#include <optional>
+#include <thread>
+
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
 #include "tile_cache.hpp"
@@ -5,8 +10,36 @@
 
 namespace sorvan::server {
 
+namespace {
+
+// The query-driven faults of the other tile paths work here too: "status=N" answers N,
+// "delay=S" waits S seconds first, "garbage=1" answers 200 with bytes that are no picture.
+std::optional<Response> queryFault(const Request& request) {
+    if (auto delay = request.queryItem("delay")) {
+        double seconds = std::strtod(delay->c_str(), nullptr);
+        if (seconds > 0 && seconds <= 600) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+        }
+    }
+    if (auto status = request.queryItem("status")) {
+        long code = std::strtol(status->c_str(), nullptr, 10);
+        if (code >= 100 && code <= 599) {
+            return Response::text(static_cast<int>(code), "status on request\n");
+        }
+    }
+    if (request.queryItem("garbage")) {
+        return Response::png("this is no picture");
+    }
+    return std::nullopt;
+}
+
+}  // namespace
+
 Handler mapServerTileHandler() {
     return [](const Request& request) {
+        if (auto fault = queryFault(request)) {
+            return *fault;
+        }
         auto address = parseTileQuery(request.query);
         if (!address) {
             return Response::text(400, "bad tile address: " + request.query);

@@ -7,6 +7,8 @@ void installBuiltinRoutes(EmbeddedService& service) {
     // Each service's routes live in a file of their own; add one line per service here.
     installTileRoutes(service);
     installTermsRoutes(service);
+    // After the tile routes: the map-server script's paths (partner and traffic included) are
+    // answered by the map painter.
     installMapServerRoutes(service);
     installSearchRoutes(service);
     installRoutingRoutes(service);

@@ -95,9 +95,9 @@ double landness(double lon, double lat, double detailDegrees) {
     // Thailand and its neighbours are land; the Bight of Bangkok and the Gulf cut in from
     // the south, leaving the coast some 30 km south of the city.
     double region = boxWeight(lon, lat, 92.0, 4.0, 109.0, 25.0, 1.0);
-    double gulf = std::max({boxWeight(lon, lat, 99.97, 10.5, 100.93, 13.45, 0.25),
-                            ellipseWeight(lon, lat, 101.6, 9.4, 2.6, 3.2, 0.25),
-                            ellipseWeight(lon, lat, 95.2, 11.0, 3.0, 5.5, 0.5),
+    double gulf = std::max({boxWeight(lon, lat, 99.97, 11.5, 100.93, 13.45, 0.25),
+                            ellipseWeight(lon, lat, 101.2, 9.6, 2.2, 3.1, 0.25),
+                            ellipseWeight(lon, lat, 91.0, 12.0, 6.5, 7.5, 0.5),
                             ellipseWeight(lon, lat, 110.5, 12.0, 2.2, 6.0, 0.5)});
     double city = 1 - smoothstep(0.12, 0.2, std::hypot(lon - 100.53, lat - 13.78));
     double local = 0.8 - 1.6 * gulf + 0.8 * city;

@@ -18,4 +18,3 @@
 /// The kit's version as text ("3.13") and as a number.
 extern "C" const char SorvanMapSDKVersionString[];
 extern "C" const double SorvanMapSDKVersionNumber;
-

@@ -7,6 +7,7 @@
 #include "SorvanMapSDK/SMRouteGuide.hpp"
 #include "SorvanMapSDK/SMRouteOptions.hpp"
 #include "SorvanMapSDK/SMRouteResult.hpp"
+#include "services/answers.hpp"
 #include "services/fetch.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/format.hpp"
@@ -30,11 +31,12 @@ void logPathError(std::int64_t routeId, const std::string& description) {
 // The route is the first element of "data". An answer with no "data" at all reads as an empty
 // route (every figure 0, id 0, no steps); a "data" that is present but not a non-empty array,
 // or a route that is not an object, is a fault.
-json::Value routeOf(const json::Value& root) {
+json::Value routeOf(json::Value& root) {
     if (root.is_object() && !root.contains("data")) {
         return json::Value();
     }
-    return json::element(json::member(root, "data"), 0);
+    json::element(json::member(root, "data"), 0);  // raises for anything but a non-empty list
+    return std::move(root["data"][0]);
 }
 
 double routeDouble(const json::Value& route, const char* key) {
@@ -52,11 +54,38 @@ std::string textOf(const json::Value& v) {
     return v.is_null() ? std::string() : v.dump();
 }
 
+std::shared_ptr<map::Polyline> polylineOf(const json::Value& step) {
+    if (!step.is_array()) {
+        throw json::StructureError("a point list of kind " + std::string(step.type_name()) +
+                                   " where an array was expected");
+    }
+    std::vector<map::Coordinate> buffer;
+    buffer.reserve(step.size());
+    for (const auto& point : step) {
+        buffer.push_back({json::doubleValue(json::member(point, "lat")),
+                          json::doubleValue(json::member(point, "lon"))});
+    }
+    return map::Polyline::withCoordinates(buffer.data(), buffer.size());
+}
+
+}  // namespace
+
+RouteHead readRouteHead(json::Value root) {
+    RouteHead head;
+    head.routeJson = routeOf(root);
+    head.route = std::make_shared<SMRouteResult>();
+    head.route->setFDistance(routeDouble(head.routeJson, "fdistance"));
+    head.route->setTDistance(routeDouble(head.routeJson, "tdistance"));
+    head.route->setDistance(routeInteger(head.routeJson, "distance"));
+    head.route->setInterval(routeInteger(head.routeJson, "interval"));
+    head.id = routeInteger(head.routeJson, "id");
+    return head;
+}
+
 // Joins the route's steps with the path's polylines. Geometry is used only when there is one
 // polyline per step; otherwise every step keeps its empty polyline.
-std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(
-    const json::Value& route,
-    const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& lines) {
+std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(const json::Value& route,
+                                                     const std::optional<Polylines>& lines) {
     std::vector<std::shared_ptr<SMRouteGuide>> guides;
     if (route.is_null()) {
         return guides;
@@ -81,21 +110,17 @@ std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(
     return guides;
 }
 
-std::shared_ptr<map::Polyline> polylineOf(const json::Value& step) {
-    if (!step.is_array()) {
-        throw json::StructureError("a point list of kind " + std::string(step.type_name()) +
-                                   " where an array was expected");
+Polylines readPolylines(const json::Value& root, std::int64_t routeId) {
+    Polylines polylines;
+    try {
+        for (const auto& step : json::arrayItems(json::member(root, "data"))) {
+            polylines.push_back(polylineOf(step));
+        }
+    } catch (const std::exception& e) {
+        logPathError(routeId, e.what());
     }
-    std::vector<map::Coordinate> buffer;
-    buffer.reserve(step.size());
-    for (const auto& point : step) {
-        buffer.push_back({json::doubleValue(json::member(point, "lat")),
-                          json::doubleValue(json::member(point, "lon"))});
-    }
-    return map::Polyline::withCoordinates(buffer.data(), buffer.size());
+    return polylines;
 }
-
-}  // namespace
 
 RouteClient::RouteClient(ServiceSettings settings) : settings_(std::move(settings)) {}
 
@@ -134,58 +159,50 @@ void RouteClient::routeFrom(map::Coordinate from, map::Coordinate to, const SMRo
                             SMRouteResultBlock result) const {
     auto request = makeRequest(settings_, kGuidePath, guideQuery(from, to, options));
     RouteClient self = *this;
-    fetchJSON(
-        std::move(request), [self, from, to, result = std::move(result)](
-                                std::optional<json::Value> root, std::optional<net::Error> error) {
-            auto block = result;
-            if (error) {
-                if (block) {
-                    block(nullptr, error);
-                }
-                logRouteError(from, to, error->localizedDescription);
-                return;
+    fetchJSON(std::move(request), [self, from, to, result = std::move(result)](
+                                      std::optional<json::Value> root,
+                                      std::optional<net::Error> error) {
+        auto block = result;
+        if (error) {
+            if (block) {
+                block(nullptr, error);
             }
-            std::shared_ptr<SMRouteResult> route;
-            json::Value routeJson;
-            std::int64_t routeId = 0;
+            logRouteError(from, to, error->localizedDescription);
+            return;
+        }
+        RouteHead head;
+        try {
+            head = readRouteHead(std::move(*root));
+        } catch (const std::exception& e) {
+            // A malformed answer gives the caller neither a route nor an error object, and
+            // no path request is made.
+            if (block) {
+                block(nullptr, std::nullopt);
+            }
+            logRouteError(from, to, e.what());
+            return;
+        }
+        self.pathFrom(head.id, [from, to, route = head.route, routeJson = std::move(head.routeJson),
+                                block](const auto& polylines, const std::optional<net::Error>&) {
+            // A failed path request still yields the route, without geometry.
+            std::vector<std::shared_ptr<SMRouteGuide>> guides;
             try {
-                routeJson = routeOf(*root);
-                route = std::make_shared<SMRouteResult>();
-                route->setFDistance(routeDouble(routeJson, "fdistance"));
-                route->setTDistance(routeDouble(routeJson, "tdistance"));
-                route->setDistance(routeInteger(routeJson, "distance"));
-                route->setInterval(routeInteger(routeJson, "interval"));
-                routeId = routeInteger(routeJson, "id");
+                guides = joinGuide(routeJson, polylines);
             } catch (const std::exception& e) {
-                // A malformed answer gives the caller neither a route nor an error object, and
-                // no path request is made.
+                // Steps of the wrong kind after a well-formed route head: reported like a
+                // malformed answer rather than taking the session queue down.
                 if (block) {
                     block(nullptr, std::nullopt);
                 }
                 logRouteError(from, to, e.what());
                 return;
             }
-            self.pathFrom(routeId, [from, to, route, routeJson = std::move(routeJson), block](
-                                       const auto& polylines, const std::optional<net::Error>&) {
-                // A failed path request still yields the route, without geometry.
-                std::vector<std::shared_ptr<SMRouteGuide>> guides;
-                try {
-                    guides = joinGuide(routeJson, polylines);
-                } catch (const std::exception& e) {
-                    // Steps of the wrong kind after a well-formed route head: reported like a
-                    // malformed answer rather than taking the session queue down.
-                    if (block) {
-                        block(nullptr, std::nullopt);
-                    }
-                    logRouteError(from, to, e.what());
-                    return;
-                }
-                route->setGuide(std::move(guides));
-                if (block) {
-                    block(route, std::nullopt);
-                }
-            });
+            route->setGuide(std::move(guides));
+            if (block) {
+                block(route, std::nullopt);
+            }
         });
+    });
 }
 
 void RouteClient::pathFrom(std::int64_t routeId, SMPathResult result) const {
@@ -205,14 +222,7 @@ void RouteClient::pathFrom(std::int64_t routeId, SMPathResult result) const {
                       }
                       return;
                   }
-                  std::vector<std::shared_ptr<map::Polyline>> polylines;
-                  try {
-                      for (const auto& step : json::arrayItems(json::member(*root, "data"))) {
-                          polylines.push_back(polylineOf(step));
-                      }
-                  } catch (const std::exception& e) {
-                      logPathError(routeId, e.what());
-                  }
+                  auto polylines = readPolylines(*root, routeId);
                   if (block) {
                       block(std::move(polylines), std::nullopt);
                   }

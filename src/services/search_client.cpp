@@ -6,6 +6,7 @@
 #include "SorvanMapSDK/SMPinAnnotation.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
 #include "SorvanMapSDK/SMSuggestOptions.hpp"
+#include "services/answers.hpp"
 #include "services/fetch.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
@@ -82,6 +83,8 @@ std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Value& hit) {
     return pin;
 }
 
+}  // namespace
+
 // The hits before a fault in the answer's structure are still a result: the fault is only
 // logged (with its reason) and the walk stops there.
 Pins readPins(const json::Value& root, const std::string& keyword, map::Coordinate position) {
@@ -112,8 +115,6 @@ Words readWords(const json::Value& root, const std::string& keyword) {
     }
     return words;
 }
-
-}  // namespace
 
 SearchClient::SearchClient(ServiceSettings settings, CenterProvider center)
     : settings_(std::move(settings)), center_(std::move(center)) {}

@@ -42,14 +42,14 @@ std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std:
 }
 
 net::Error parseError(const std::string& description) {
-    return net::Error{net::Error::Code::CannotParseResponse, description};
+    return net::Error{net::Error::Code::CannotParseResponse, description, {}};
 }
 
 void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler) {
     auto& session = net::URLSession::shared();
     if (!request) {
         session.delegateQueue().async([handler = std::move(handler)] {
-            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL"});
+            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL", {}});
         });
         return;
     }

@@ -68,7 +68,9 @@ Capture::Capture() : impl_(std::make_shared<Impl>()) {
     });
 }
 
-Capture::~Capture() { setSink(std::move(impl_->previous)); }
+Capture::~Capture() {
+    setSink(std::move(impl_->previous));
+}
 
 std::vector<std::string> Capture::lines() const {
     std::lock_guard lock(impl_->mutex);

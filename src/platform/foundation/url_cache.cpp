@@ -10,6 +10,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 
 namespace sorvan::net {
@@ -26,20 +27,6 @@ constexpr std::uintmax_t kMaxDiskEntry = kDiskCapacity / 20;
 // The disk layer is measured (and trimmed) after this many writes, not on every one.
 constexpr int kWritesPerDiskCheck = 64;
 constexpr std::string_view kFileMagic = "SORVAN-URLCACHE-1";
-
-// The caches directory of the process. TODO(paths): use paths::caches() once it is in main;
-// this mirrors its rule: $SORVAN_HOME/caches, else $XDG_CACHE_HOME/sorvan, else
-// ~/.cache/sorvan.
-std::string cachesDirectory() {
-    if (const char* home = std::getenv("SORVAN_HOME"); home && *home) {
-        return std::string(home) + "/caches";
-    }
-    if (const char* xdg = std::getenv("XDG_CACHE_HOME"); xdg && *xdg == '/') {
-        return std::string(xdg) + "/sorvan";
-    }
-    const char* home = std::getenv("HOME");
-    return std::string(home && *home ? home : "/tmp") + "/.cache/sorvan";
-}
 
 // FNV-1a: file names only need to spread well; each file also records its URL.
 std::string fileNameFor(const std::string& key) {
@@ -186,7 +173,7 @@ URLCache& URLCache::shared() {
 }
 
 std::string URLCache::diskPath() const {
-    return cachesDirectory() + "/URLCache";
+    return paths::caches() + "/URLCache";
 }
 
 std::optional<Data> URLCache::cachedData(const URL& url) const {

@@ -52,6 +52,7 @@ Error makeError(Error::Code code, std::string detail) {
         {Error::Code::TimedOut, "The request timed out."},
         {Error::Code::ConnectionLost, "The network connection was lost."},
         {Error::Code::Cancelled, "cancelled"},
+        {Error::Code::CannotParseResponse, "cannot parse response"},
         {Error::Code::CannotFindHost, "A server with the specified hostname could not be found."},
         {Error::Code::SecureConnectionFailed,
          "An SSL error has occurred and a secure connection to the server cannot be made."},
@@ -180,7 +181,9 @@ void deliver(std::shared_ptr<SessionCore> session, CompletionHandler completion,
             URLCache::shared().store(response->url, *response, *data);
         }
         auto handler = std::move(completion);
-        handler(data, response, error);
+        if (handler) {
+            handler(data, response, error);
+        }
         // The session core may be released here, on its own queue's thread; SerialQueue
         // allows that.
     });

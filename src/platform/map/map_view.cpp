@@ -747,7 +747,14 @@ struct MapView::Impl {
         }
         if (d.opaque && !clip)
             cairo_set_operator(cr, CAIRO_OPERATOR_SOURCE);
-        cairo_rectangle(cr, 0, 0, pixels, pixels);
+        if (!straight && d.opaque) {
+            // Antialiased edges of neighbouring tiles would let the ground show through as a
+            // faint seam; opaque tiles overlap by a pixel instead (translucent ones must not,
+            // or the overlap would show darker).
+            cairo_rectangle(cr, -0.5, -0.5, pixels + 1, pixels + 1);
+        } else {
+            cairo_rectangle(cr, 0, 0, pixels, pixels);
+        }
         cairo_fill(cr);
         cairo_restore(cr);
     }

@@ -1,4 +1,5 @@
 #include "sorvan/platform/foundation/bundle.hpp"
+#include "sorvan/platform/graphics/image.hpp"
 
 #include <gtest/gtest.h>
 #include <locale.h>
@@ -141,6 +142,20 @@ TEST(Application, OpenURLUsesTheHostsHandlerElseXdgOpen) {
         Application::setOpenURLHandler(nullptr);
         EXPECT_EQ(seen, (std::vector<std::string>{url, "mailto:x@example.com"}));
     }
+}
+
+TEST(Bundle, KitPicturesLoadThroughTheKitBundleOnly) {
+    for (const char* name : {"crosshair", "reddot", "information", "marker", "heading"}) {
+        SCOPED_TRACE(name);
+        auto image = Bundle::kit().image(name);
+        ASSERT_NE(image, nullptr);
+        EXPECT_EQ(image->scale(), 2.0);
+        EXPECT_GT(image->size().width, 10.0);
+        // The same shared picture every time: made once per process.
+        EXPECT_EQ(Bundle::kit().image(name), image);
+    }
+    EXPECT_EQ(Bundle::kit().image("no-such-picture"), nullptr);
+    EXPECT_EQ(Bundle::main().image("reddot"), nullptr);
 }
 
 }  // namespace

@@ -72,7 +72,8 @@ struct HTTPURLResponse {
 /// "The network connection was lost.", "A server with the specified hostname could not be
 /// found.", "unsupported URL", "cancelled", ...
 struct Error {
-    // CannotParseResponse: the body was not the JSON a service call expected.
+    // CannotParseResponse: the body was not the JSON a service call expected (made by the
+    // service clients, never by the session).
     enum class Code {
         Unknown,
         BadURL,
@@ -89,7 +90,7 @@ struct Error {
     Code code = Code::Unknown;
     std::string localizedDescription;
     /// What the transport said, for diagnostics ("Failed to connect to 127.0.0.1 port 9 ...").
-    std::string detail;
+    std::string detail = {};
 };
 
 using CompletionHandler = std::function<void(const std::optional<Data>& data,

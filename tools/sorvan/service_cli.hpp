@@ -1,0 +1,61 @@
+// What `sorvan search`, `suggest` and `route` share: the common options, the settings the kit
+// reads (key, language), waiting for a completion on the session queue, and tables whose
+// columns line up for Thai text too.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "services/service_client.hpp"
+
+namespace sorvan::cli {
+
+/// --json, --lang en|th, --key KEY; SORVAN_KEY when --key is not given.
+struct ServiceOptions {
+    bool json = false;
+    std::int64_t language = 1;  // Thai; 2 = English
+    std::string key;
+};
+
+/// Takes args[i] (and its value) when it is one of the common options. Returns 1 when it was
+/// taken with no value, 2 with a value, 0 when it is not a common option, and -1 after printing
+/// a usage error for a missing or bad value.
+int takeServiceOption(const std::string& command, const std::vector<std::string>& args,
+                      std::size_t i, ServiceOptions& options);
+/// The value of option args[i] (--name VALUE or --name=VALUE), advancing i past it.
+std::optional<std::string> optionValue(const std::vector<std::string>& args, std::size_t& i,
+                                       const std::string& name);
+std::optional<std::int64_t> parseInteger(const std::string& text);
+/// True for an argument that is an option and not a negative number.
+bool looksLikeOption(const std::string& arg);
+
+/// The process settings for one call: the key is stored as the kit's key.
+services::ServiceSettings serviceSettings(const ServiceOptions& options,
+                                          const std::string& defaultBase);
+
+/// The centre of the map the tool pretends to show, for searches without a position.
+inline constexpr map::Coordinate kToolMapCenter{13.7563, 100.5018};
+
+/// Long enough for the session's request timeout twice over (a route is two requests).
+inline constexpr std::chrono::seconds kCallTimeout{150};
+
+/// Columns padded by display width (Thai vowel and tone marks take no column).
+class Table {
+  public:
+    explicit Table(std::vector<std::string> headings);
+    /// Right-aligns the columns whose index is in numeric.
+    void setNumeric(std::vector<std::size_t> columns) { numeric_ = std::move(columns); }
+    void add(std::vector<std::string> row);
+    void print() const;
+
+  private:
+    std::vector<std::vector<std::string>> rows_;
+    std::vector<std::size_t> numeric_;
+};
+
+std::size_t displayWidth(const std::string& text);
+
+}  // namespace sorvan::cli
