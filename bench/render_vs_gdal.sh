@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # `sorvan render` against gdal_translate, side by side in one run, both fetching the same
 # {z}/{x}/{y} tiles from the same embedded service into a 2048 x 2048 PNG (an 8 x 8 tile
-# mosaic of Bangkok at zoom 13). Each run starts cold: sorvan with a fresh home (no tile or
-# URL cache), GDAL with no cache element. Then the first frame and peak memory of a
+# mosaic of Bangkok at zoom 13). Each run starts cold: sorvan with its caches folder removed
+# (no tile or URL cache; its preferences stay, as on any second start), GDAL with no cache
+# element. Then the first frame and peak memory of a
 # 1280 x 720 view at scale 2 with three layers, every tile already in the disk cache.
 #   bench/render_vs_gdal.sh [RUNS]     (scripts/bench calls it; needs scripts/setup --bench)
 set -euo pipefail
@@ -63,16 +64,20 @@ sorvan_cmd="SORVAN_SERVICE_ORIGIN=$origin SORVAN_HOME=$work/home $sorvan render 
 --no-cache -o $work/sorvan.png"
 gdal_cmd="gdal_translate -q -of PNG -outsize 2048 2048 -projwin $ulx $uly $lrx $lry \
 $work/tiles.xml $work/gdal.png"
+# sorvan writes at zlib level 1 by default, GDAL at 6: also GDAL at level 1, like for like.
+gdal1_cmd="gdal_translate -q -of PNG -co ZLEVEL=1 -outsize 2048 2048 \
+-projwin $ulx $uly $lrx $lry $work/tiles.xml $work/gdal1.png"
 
 echo "== 2048 x 2048 mosaic (64 tiles of zoom 13), $runs runs each"
 if command -v hyperfine >/dev/null; then
-    hyperfine --warmup 1 --runs "$runs" --prepare "rm -rf $work/home" \
-        -n "sorvan render" "$sorvan_cmd" -n gdal_translate "$gdal_cmd"
+    hyperfine --warmup 1 --runs "$runs" --prepare "rm -rf $work/home/caches" \
+        -n "sorvan render" "$sorvan_cmd" -n gdal_translate "$gdal_cmd" \
+        -n "gdal_translate ZLEVEL=1" "$gdal1_cmd"
 else
-    for name in sorvan gdal; do
+    for name in sorvan gdal gdal1; do
         cmd_var=${name}_cmd
         start=$(date +%s.%N)
-        for _ in $(seq "$runs"); do rm -rf "$work/home"; bash -c "${!cmd_var}"; done
+        for _ in $(seq "$runs"); do rm -rf "$work/home/caches"; bash -c "${!cmd_var}"; done
         end=$(date +%s.%N)
         echo "$name: $(python3 -c "print(f'{($end - $start) / $runs * 1000:.1f} ms per run')")"
     done

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -102,10 +103,24 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate, public S
     /// Action of the legal label: opens the terms-of-use page.
     void openTerm();
 
-    std::shared_ptr<SMSearchDelegate> searchDelegate() const { return searchDelegate_.lock(); }
-    void setSearchDelegate(std::weak_ptr<SMSearchDelegate> d) { searchDelegate_ = std::move(d); }
-    std::shared_ptr<SMTileDataDelegate> dataDelegate() const { return dataDelegate_.lock(); }
-    void setDataDelegate(std::weak_ptr<SMTileDataDelegate> d) { dataDelegate_ = std::move(d); }
+    // The delegates are held weakly and may be read from any thread (tile threads forward
+    // data-template answers, the session queue delivers search results).
+    std::shared_ptr<SMSearchDelegate> searchDelegate() const {
+        std::lock_guard lock(delegateMutex_);
+        return searchDelegate_.lock();
+    }
+    void setSearchDelegate(std::weak_ptr<SMSearchDelegate> d) {
+        std::lock_guard lock(delegateMutex_);
+        searchDelegate_ = std::move(d);
+    }
+    std::shared_ptr<SMTileDataDelegate> dataDelegate() const {
+        std::lock_guard lock(delegateMutex_);
+        return dataDelegate_.lock();
+    }
+    void setDataDelegate(std::weak_ptr<SMTileDataDelegate> d) {
+        std::lock_guard lock(delegateMutex_);
+        dataDelegate_ = std::move(d);
+    }
 
     // Zoom and pixel space -------------------------------------------------------------------
     // Pixel space: the spherical Mercator plane 2^29 units wide, (0, 0) at the north-west
@@ -205,8 +220,9 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate, public S
     std::shared_ptr<SMTileOverlay> newOverlay(std::vector<std::int64_t> modes);
     void placeCrosshair();
 
-    std::weak_ptr<SMSearchDelegate> searchDelegate_;
-    std::weak_ptr<SMTileDataDelegate> dataDelegate_;
+    mutable std::mutex delegateMutex_;
+    std::weak_ptr<SMSearchDelegate> searchDelegate_;  // guarded by delegateMutex_
+    std::weak_ptr<SMTileDataDelegate> dataDelegate_;  // guarded by delegateMutex_
     std::int64_t language_ = 0;
     std::optional<net::URL> boxDomain_;
     std::shared_ptr<ui::ImageView> crosshair_;

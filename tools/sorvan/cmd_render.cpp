@@ -77,6 +77,8 @@ void printHelp() {
         "  --wms-format 4|5     its projection: 4 = EPSG:4326, 5 = EPSG:3857 (default 5)\n"
         "  --template URL       add an {x}/{y}/{z} template layer above the others\n"
         "  --template-format F  0 or 1 = rows from the north, 2 = TMS rows from the south\n"
+        "  --png-level N        zlib level of the PNG, 0 to 9 (default 1: fast, about a\n"
+        "                       tenth larger than 6)\n"
         "  --timeout SECONDS    how long to wait for tiles (default 60)\n"
         "  --partial            write the PNG even when some tiles failed\n"
         "  --verbose            print the kit's log lines as they come\n\n"
@@ -180,6 +182,10 @@ struct Options {
     std::string templateURL;
     std::int64_t templateFormat = SMTileFormatDefault;
     double timeout = 60;
+    // A map is flat colour: level 1 is about a tenth larger than level 6 and more than twice
+    // as fast to write, and a 2048 x 2048 picture spends more time in the encoder than in
+    // fetching its tiles. Hosts that keep the picture long can ask for 9.
+    int pngLevel = 1;
     bool partial = false;
     bool verbose = false;
     std::string output;
@@ -294,6 +300,12 @@ int parseArguments(const std::vector<std::string>& args, Options& o, bool& helpO
             }
             o.templateFormat = v[0] - '0';
             haveTemplateFormat = true;
+        } else if (a == "--png-level") {
+            auto level = parseInteger(v);
+            if (!level || *level < 0 || *level > 9) {
+                return usageError(kName, "--png-level wants 0 to 9, got '" + v + "'");
+            }
+            o.pngLevel = static_cast<int>(*level);
         } else if (a == "--timeout") {
             auto t = parseNumber(v);
             if (!t || *t <= 0) {
@@ -361,6 +373,35 @@ class LogCollector {
     std::vector<std::string> tileErrors_;
 };
 
+// Tile threads still blocked in a fetch would hold the exit up to the request timeout (60 s);
+// the picture is written (atomically) or refused by now, so nothing is lost by not waiting.
+int leaveWithoutWaiting(int status) {
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::_Exit(status);
+}
+
+std::string formatSeconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", seconds);
+    return text;
+}
+
+// The template with {x}, {y} and {z} replaced by 0.
+std::string withPlaceholdersFilled(const std::string& urlTemplate) {
+    std::string out;
+    for (std::size_t i = 0; i < urlTemplate.size(); ++i) {
+        std::string_view rest(urlTemplate.data() + i, urlTemplate.size() - i);
+        if (rest.starts_with("{x}") || rest.starts_with("{y}") || rest.starts_with("{z}")) {
+            out += '0';
+            i += 2;
+        } else {
+            out += urlTemplate[i];
+        }
+    }
+    return out;
+}
+
 bool isUniform(const gfx::Image& image) {
     const auto& px = image.pixels();
     for (std::uint32_t p : px) {
@@ -383,19 +424,17 @@ int run(const std::vector<std::string>& args) {
     }
     // A template is checked with its placeholders filled, as the tile loader will fill them.
     for (const auto& url : {o.wms, o.templateURL}) {
-        std::string filled = url;
-        for (const char* placeholder : {"{x}", "{y}", "{z}"}) {
-            for (auto at = filled.find(placeholder); at != std::string::npos;
-                 at = filled.find(placeholder)) {
-                filled.replace(at, 3, "0");
-            }
-        }
-        if (!url.empty() && !net::URL::fromString(filled)) {
+        if (!url.empty() && !net::URL::fromString(withPlaceholdersFilled(url))) {
             return usageError(kName, "'" + url + "' forms no URL");
         }
     }
 
     LogCollector logs(o.verbose);
+    auto started = std::chrono::steady_clock::now();
+    auto millisecondsSince = [](std::chrono::steady_clock::time_point t) {
+        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t)
+            .count();
+    };
     auto view = SorvanMapView::create({0, 0, o.width, o.height});
     view->setScreenScale(o.scale);
     view->setKey(o.key);
@@ -425,14 +464,28 @@ int run(const std::vector<std::string>& args) {
     // Layers of the catalogue reach zoom 20 only; a custom range is the host's business.
     view->addSMLayers(layers);
 
+    auto drawing = std::chrono::steady_clock::now();
     std::shared_ptr<gfx::Image> image = view->render(std::chrono::duration<double>(o.timeout));
+    if (o.verbose) {
+        std::fprintf(stderr, "sorvan render: set up in %.1f ms, drawn in %.1f ms\n",
+                     std::chrono::duration<double, std::milli>(drawing - started).count(),
+                     millisecondsSince(drawing));
+    }
     if (!image) {
         return failure(kName, "the map could not be drawn");
     }
 
     std::vector<std::string> errors = logs.tileErrors();
+    bool timedOut = millisecondsSince(drawing) >= o.timeout * 1000.0;
     if (!o.partial) {
         std::string origin = ServiceConfig::current().mapServer;
+        if (timedOut) {
+            return leaveWithoutWaiting(
+                failure(kName, "tiles were still loading after " + formatSeconds(o.timeout) +
+                                   " s (map service: " + origin +
+                                   "; a slow or hung service? raise --timeout, or use --partial to "
+                                   "write what arrived)"));
+        }
         if (!errors.empty()) {
             return failure(kName, std::to_string(errors.size()) +
                                       " tile request(s) failed; the first: " + errors.front() +
@@ -452,10 +505,15 @@ int run(const std::vector<std::string>& args) {
         std::fprintf(stderr, "sorvan render: warning: %zu tile request(s) failed; the first: %s\n",
                      errors.size(), errors.front().c_str());
     }
-    if (!image->writePNG(o.output)) {
+    auto writing = std::chrono::steady_clock::now();
+    if (!image->writePNG(o.output, {o.pngLevel, gfx::PNGOptions::Filter::Default})) {
         return failure(kName, "cannot write '" + o.output + "'");
     }
-    return 0;
+    if (o.verbose) {
+        std::fprintf(stderr, "sorvan render: %s written in %.1f ms\n", o.output.c_str(),
+                     millisecondsSince(writing));
+    }
+    return timedOut ? leaveWithoutWaiting(0) : 0;
 }
 
 Command::Registration registration{

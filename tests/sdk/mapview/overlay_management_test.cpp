@@ -1,3 +1,6 @@
+#include <mutex>
+#include <thread>
+
 #include "map_view_fixture.hpp"
 #include "sorvan/platform/map/overlay.hpp"
 #include "sorvan/platform/map/overlay_renderer.hpp"
@@ -203,6 +206,31 @@ TEST_F(MapViewTest, LegalLabelFollowsMapPictureOverlays) {
     label = globals::legalLabel();
     view_->addSMLayer(layer(9));
     EXPECT_FALSE(label->isHidden());
+}
+
+class DataCollector : public SMTileDataDelegate {
+  public:
+    void dataFromTile(const net::Data& data) override {
+        std::lock_guard lock(mutex);
+        received.emplace_back(data.begin(), data.end());
+    }
+    std::mutex mutex;
+    std::vector<std::string> received;
+};
+
+TEST_F(MapViewTest, DataTemplateAnswersReachTheHostThroughTheView) {
+    auto host = std::make_shared<DataCollector>();
+    view_->setDataDelegate(host);
+    view_->addCustomOverlayWithURL(service_.origin() + "/data/{z}/{u}/{v}?w={w}", 3, "");
+    auto overlay = tiles()[0];
+    ASSERT_EQ(overlay->dataDelegate().get(), static_cast<SMTileDataDelegate*>(view_.get()));
+    // Tile loads block, so they run off the main queue, as the engine runs them.
+    std::thread([&] {
+        overlay->loadTileAtPath({3, 5, 7}, [](std::vector<std::uint8_t>, auto) {});
+    }).join();
+    std::lock_guard lock(host->mutex);
+    ASSERT_EQ(host->received.size(), 1u);
+    EXPECT_NE(host->received[0].find("/data/7/3/5"), std::string::npos) << host->received[0];
 }
 
 }  // namespace

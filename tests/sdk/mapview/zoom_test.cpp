@@ -22,13 +22,6 @@ void settle(SorvanMapView& view, double expectedZoom) {
         [&] { return std::abs(view.zoomLevel() - expectedZoom) < 0.05; }, dispatch::Duration(5));
 }
 
-TEST_F(MapViewTest, ZoomLevelIsTheLogOfTheScalePlusTwenty) {
-    showAt(*view_, kBangkok, 14.0);
-    EXPECT_NEAR(view_->zoomLevel(), 14.0, 1e-9);
-    showAt(*view_, kBangkok, 20.75);
-    EXPECT_NEAR(view_->zoomLevel(), 20.75, 1e-9);
-}
-
 TEST_F(MapViewTest, SetZoomLevelIgnoresTwentyOneAndAbove) {
     showAt(*view_, kBangkok, 12.0);
     map::MapRect before = view_->visibleMapRect();
