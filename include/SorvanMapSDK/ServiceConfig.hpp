@@ -12,9 +12,9 @@ struct ServiceConfig {
     /// Map-server tiles (path ends in "map/msn-server/img.php").
     std::string mapServer = "https://ms.sorvanmap.co.th/map/msn-server/img.php";
     /// The partner map server, plain http (layer mode 14).
-    std::string partnerMapServer = "http://partner.sorvanmap.co.th/map/msn-server/img.php";
+    std::string partnerMapServer = "http://partner.sorvanmap.co.th/partner/map/msn-server/img.php";
     /// The traffic tile service (layer mode 16); empty = not configured.
-    std::string trafficServer = "https://traffic.sorvanmap.co.th/map/msn-server/img.php";
+    std::string trafficServer = "https://traffic.sorvanmap.co.th/traffic/map/msn-server/img.php";
     /// Host looked up (and ignored) before each network tile request.
     std::string publicWebHost = "www.sorvanmap.co.th";
     std::string searchService = "https://search.sorvanmap.co.th";
