@@ -19,6 +19,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -170,7 +171,7 @@ struct URLCache::Impl {
 
     // Held while a file is written or the directory emptied: a removal waits for the write in
     // progress, and no write starts until the removal is over. Taken before `mutex`.
-    std::timed_mutex diskMutex;
+    std::mutex diskMutex;
     int writesSinceCheck = 0;  // guarded by diskMutex
     // What this process last wrote to each file (a hash of it), so that an answer stored
     // again unchanged is not written again. Guarded by diskMutex.
@@ -378,9 +379,16 @@ struct URLCache::Impl {
     // Writes every pending response on the calling thread. Gives up when the disk stays
     // busy past the deadline.
     void flush(std::chrono::steady_clock::time_point deadline) {
-        std::unique_lock disk(diskMutex, deadline);
-        if (!disk.owns_lock()) {
-            return;
+        // Polled rather than a timed lock, which the thread checker cannot follow.
+        std::unique_lock disk(diskMutex, std::defer_lock);
+        if (deadline == std::chrono::steady_clock::time_point::max()) {
+            disk.lock();
+        }
+        while (!disk.owns_lock() && !disk.try_lock()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         for (;;) {
             std::string key;
