@@ -173,9 +173,9 @@ struct URLCache::Impl {
     // progress, and no write starts until the removal is over. Taken before `mutex`.
     std::mutex diskMutex;
     int writesSinceCheck = 0;  // guarded by diskMutex
-    // What this process last wrote to each file (a hash of it), so that an answer stored
-    // again unchanged is not written again. Guarded by diskMutex.
-    std::unordered_map<std::string, std::size_t> written;
+    // The files this process wrote, with a hash of the content once it was written twice, so
+    // that an answer stored again unchanged is not written again. Guarded by diskMutex.
+    std::unordered_map<std::string, std::optional<std::size_t>> written;
     dispatch::SerialQueue writer{"net.urlcache"};
 
     Impl() {
@@ -287,15 +287,18 @@ struct URLCache::Impl {
         }
         const CacheEntry& e = *job.entry;
         std::string head = serialisedHead(key, *e.response, e.data->size());
-        std::string_view body(reinterpret_cast<const char*>(e.data->data()), e.data->size());
-        std::size_t hash =
-            std::hash<std::string_view>{}(head)*31 + std::hash<std::string_view>{}(body);
+        // Hashed only for a file written before: most answers are stored once.
         auto known = written.find(job.file);
-        // Still there, whole: the file may have been removed or cut short by someone else.
-        struct stat st {};
-        bool unchanged = known != written.end() && known->second == hash &&
-                         ::stat(job.file.c_str(), &st) == 0 &&
-                         static_cast<std::size_t>(st.st_size) == head.size() + body.size();
+        std::optional<std::size_t> hash;
+        bool unchanged = false;
+        if (known != written.end()) {
+            std::string_view body(reinterpret_cast<const char*>(e.data->data()), e.data->size());
+            hash = std::hash<std::string_view>{}(head)*31 + std::hash<std::string_view>{}(body);
+            // Still there, whole: the file may have been removed or cut short by someone else.
+            struct stat st {};
+            unchanged = known->second == hash && ::stat(job.file.c_str(), &st) == 0 &&
+                        static_cast<std::size_t>(st.st_size) == head.size() + body.size();
+        }
         if (!unchanged) {
             if (known != written.end()) {
                 written.erase(known);
