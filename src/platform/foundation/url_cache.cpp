@@ -1,8 +1,9 @@
 // The shared URL response cache: a bounded memory layer over one file per response.
 //
 // A store lands in memory at once and goes to disk on a writer thread of its own, so that the
-// delegate queue never waits for the file system. Until its file is written a response stays
-// findable in a table of pending writes, whatever the memory layer's bound.
+// delegate queue never waits for the file system, once answers stop coming for a moment.
+// Until its file is written a response stays findable in a table of pending writes, whatever
+// the memory layer's bound.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -44,6 +45,12 @@ constexpr int kWritesPerDiskCheck = 64;
 constexpr std::string_view kFileMagic = "SORVAN-URLCACHE-1";
 // At exit the writes still pending get this long to reach the disk.
 constexpr auto kExitFlushLimit = std::chrono::seconds(2);
+// Files are written once answers have stopped coming for this long: a burst of loads (a map
+// being panned) is not slowed by the disk, which catches up after it.
+constexpr auto kQuietBeforeWriting = std::chrono::milliseconds(50);
+// ... unless this much waits for the disk: then the writer works through the backlog (down to
+// half of it) even while answers keep coming.
+constexpr std::size_t kEagerPendingBytes = 8 * 1024 * 1024;
 // Past this many bytes waiting for the disk, a store writes its own file rather than let the
 // backlog grow: more would not fit on disk anyway.
 constexpr std::size_t kMaxPendingBytes = kDiskCapacity;
@@ -95,7 +102,7 @@ bool writeAll(int fd, const std::string& head, const Data& body) {
         if (n < 0 && errno == EINTR) {
             continue;
         }
-        if (n < 0) {
+        if (n <= 0) {
             return false;
         }
         auto left = static_cast<std::size_t>(n);
@@ -165,6 +172,9 @@ struct URLCache::Impl {
     // The latest response stored for each key whose file is not written yet.
     std::unordered_map<std::string, PendingWrite> pending;
     std::size_t pendingBytes = 0;
+    std::chrono::steady_clock::time_point lastStore{};
+    bool drainScheduled = false;  // a drain() is queued on the writer
+    bool eager = false;           // working through a large backlog
     // Bumped by removeAllCachedResponses(), so that a disk read begun before it cannot bring
     // an answer back into memory after it.
     std::uint64_t generation = 0;
@@ -255,16 +265,45 @@ struct URLCache::Impl {
             pendingBytes += sizeOf(*entry);
             slot = PendingWrite{dir + "/" + fileNameFor(key), std::move(entry)};
             backlogged = pendingBytes > kMaxPendingBytes;
+            lastStore = std::chrono::steady_clock::now();
+            if (!drainScheduled) {
+                drainScheduled = true;
+                writer.asyncAfter(kQuietBeforeWriting, [this] { drain(); });
+            }
         }
         if (backlogged) {
             std::lock_guard disk(diskMutex);
             writePending(key);
-            return;
         }
-        writer.async([this, key] {
+    }
+
+    // Writes pending answers on the writer thread once answers stop coming (or the backlog is
+    // large), and schedules itself again for the rest.
+    void drain() {
+        for (;;) {
+            std::string key;
+            {
+                std::lock_guard lock(mutex);
+                if (pending.empty()) {
+                    drainScheduled = false;
+                    eager = false;
+                    return;
+                }
+                if (pendingBytes >= kEagerPendingBytes) {
+                    eager = true;
+                } else if (pendingBytes < kEagerPendingBytes / 2) {
+                    eager = false;
+                }
+                auto quietFor = std::chrono::steady_clock::now() - lastStore;
+                if (!eager && quietFor < kQuietBeforeWriting) {
+                    writer.asyncAfter(kQuietBeforeWriting - quietFor, [this] { drain(); });
+                    return;
+                }
+                key = pending.begin()->first;
+            }
             std::lock_guard disk(diskMutex);
             writePending(key);
-        });
+        }
     }
 
     // REQUIRES: mutex held.

@@ -5,8 +5,6 @@
 
 #include <curl/curl.h>
 
-#include "url_cache_access.hpp"
-
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -15,6 +13,8 @@
 #include <thread>
 #include <unordered_map>
 #include <utility>
+
+#include "url_cache_access.hpp"
 
 #ifndef SORVAN_KIT_VERSION
 #define SORVAN_KIT_VERSION "3.13"

@@ -329,6 +329,20 @@ TEST_F(URLSessionTest, StoredAnswersAreFoundWhileTheirFilesAreWrittenAndRemovalD
     URLCache::shared().setMemoryCapacity(4 * 1024 * 1024);
 }
 
+TEST_F(URLSessionTest, StoredAnswersReachTheDiskOnTheirOwn) {
+    URL address = url("/echo?unflushed=1");
+    ASSERT_EQ(fetch(address).status(), 200);
+    auto file = [] {
+        std::error_code ec;
+        std::filesystem::directory_iterator it(URLCache::shared().diskPath(), ec);
+        return !ec && it != std::filesystem::directory_iterator();
+    };
+    for (int i = 0; i < 1000 && !file(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    EXPECT_TRUE(file()) << "nothing written without a flush";
+}
+
 TEST_F(URLSessionTest, CancelEndsATransferInFlightOnce) {
     service().injectFault("/echo", Fault{.count = 1, .delaySeconds = 5});
     std::atomic<int> completions{0};

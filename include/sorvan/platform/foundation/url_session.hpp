@@ -122,7 +122,8 @@ class URLCache {
     std::optional<Data> cachedData(const URL& url) const;
     std::optional<CachedResponse> cachedResponse(const URL& url) const;
     /// Keeps data when response.statusCode is 200; ignores anything else. The answer is
-    /// found at once; its file is written on a thread of the cache's own, soon after.
+    /// found at once; its file is written on a thread of the cache's own once answers stop
+    /// coming for a moment (or many wait for the disk).
     void store(const URL& url, const HTTPURLResponse& response, const Data& data);
     /// Waits until every response stored so far is on disk (the process also does this,
     /// briefly, when it exits).
