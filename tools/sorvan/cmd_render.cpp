@@ -46,7 +46,7 @@ constexpr ModeName kModes[] = {
     {"thaichote", SMLayerModeThaichote, "satellite imagery"},
     {"thaichote_partner", SMLayerModeThaichotePartner, "satellite imagery, partner server"},
     {"iconstransp", SMLayerModeIconsTransp, "icons on a transparent layer"},
-    {"traffic", SMLayerModeTraffic, "live traffic (zoom 7 to 16, refreshed every 180 s)"},
+    {"traffic", SMLayerModeTraffic, "live traffic (from zoom 7; deeper than 16 enlarged)"},
     {"offline_gray", SMLayerModeOfflineGray, "grey tiles from the documents folder"},
     {"white", SMLayerModeWhiteBackground, "opaque white under the layers above"},
     {"none", SMLayerModeNone, "nothing"},
@@ -92,8 +92,8 @@ void printHelp() {
         "  SORVAN_SERVICE_ORIGIN  scheme://host:port of the service, e.g. http://127.0.0.1:8080\n"
         "  SORVAN_KEY             the service key, when --key is not given\n"
         "  SORVAN_HOME            where the tile disk cache and preferences live\n\n"
-        "exit status: 0 written, 1 tiles failed or the file could not be written, 2 bad "
-        "arguments\n\n"
+        "exit status: 0 written; 1 tiles failed, timed out or the file could not be written;\n"
+        "2 bad arguments\n\n"
         "example:\n"
         "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
         "      --layers normal,icons,traffic -o bangkok.png\n");
@@ -138,6 +138,16 @@ std::vector<std::string> split(const std::string& text, char separator) {
     }
 }
 
+// A descriptor's zoom range replaces the overlay's own, so traffic asks for the range the
+// traffic service serves (7 to 16) instead of a descriptor's default 1 to 20.
+std::shared_ptr<SMLayer> withNaturalRange(std::shared_ptr<SMLayer> layer) {
+    if (layer->mode() == SMLayerModeTraffic) {
+        layer->setMinZoom(7);
+        layer->setMaxZoom(16);
+    }
+    return layer;
+}
+
 std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std::string& error) {
     if (text.rfind("server:", 0) == 0) {
         if (text.size() == 7) {
@@ -150,7 +160,7 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
     }
     for (const auto& m : kModes) {
         if (text == m.name) {
-            return SMLayer::create(m.mode);
+            return withNaturalRange(SMLayer::create(m.mode));
         }
     }
     if (auto number = parseInteger(text)) {
@@ -162,7 +172,7 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
             error = "unknown layer mode " + text + " (modes are 0 to 19, see --help)";
             return std::nullopt;
         }
-        return SMLayer::create(*number);
+        return withNaturalRange(SMLayer::create(*number));
     }
     error = "unknown layer mode '" + text + "' (see --help for the names)";
     return std::nullopt;
