@@ -108,7 +108,7 @@ void printHelp() {
         "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
         "      --layers normal,icons,traffic -o bangkok.png\n"
         "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 --layers normal \\\n"
-        "      --route 13.7563,100.5018:13.7246,100.5294 --search cafe -o route.png\n");
+        "      --route 13.7563,100.5018:13.7246,100.5294 --search temple -o route.png\n");
 }
 
 std::optional<double> parseNumber(const std::string& text) {
