@@ -4,8 +4,10 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,12 +16,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
-#include <deque>
 #include <exception>
 #include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <unordered_map>
 
 #include "http_message.hpp"
 
@@ -38,24 +40,54 @@ constexpr auto kIdleTimeout = std::chrono::seconds(60);
 // Bytes that decode neither as JSON nor as PNG (nor as UTF-8 text).
 const std::string kMalformedBody = std::string("\xff\xfe<malformed>{\"data\": [1, 2,", 29);
 
+// Event tags of the two descriptors that are not connections; connections count up from
+// kFirstConnectionId and their ids are never reused, so a stale event cannot name another one.
+constexpr std::uint64_t kListenId = 1;
+constexpr std::uint64_t kWakeId = 2;
+constexpr std::uint64_t kFirstConnectionId = 3;
+
 struct Connection {
     int fd = -1;
+    std::uint64_t id = 0;
     std::string buffer;  // bytes read but not yet consumed (pipelined requests)
     Clock::time_point idleSince = Clock::now();
 };
 
-bool sendAll(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        ssize_t n = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+// Sends the parts in order as one stream, without joining them first.
+bool sendAll(int fd, std::string_view first, std::string_view second = {}) {
+    iovec parts[2] = {{const_cast<char*>(first.data()), first.size()},
+                      {const_cast<char*>(second.data()), second.size()}};
+    iovec* next = parts;
+    std::size_t count = 2;
+    for (;;) {
+        while (count > 0 && next->iov_len == 0) {
+            ++next;
+            --count;
+        }
+        if (count == 0) {
+            return true;
+        }
+        msghdr message{};
+        message.msg_iov = next;
+        message.msg_iovlen = count;
+        ssize_t n = ::sendmsg(fd, &message, MSG_NOSIGNAL);
         if (n < 0 && errno == EINTR) {
             continue;
         }
         if (n <= 0) {
             return false;
         }
-        bytes.remove_prefix(static_cast<std::size_t>(n));
+        for (auto left = static_cast<std::size_t>(n); left > 0;) {
+            std::size_t taken = std::min(left, next->iov_len);
+            next->iov_base = static_cast<char*>(next->iov_base) + taken;
+            next->iov_len -= taken;
+            left -= taken;
+            if (next->iov_len == 0) {
+                ++next;
+                --count;
+            }
+        }
     }
-    return true;
 }
 
 bool startsWith(const std::string& path, const std::string& prefix) {
@@ -80,6 +112,7 @@ typename Map::iterator longestPrefix(Map& map, const std::string& path) {
 struct EmbeddedService::Impl {
     int listenFd = -1;
     int wakeFd = -1;
+    int epollFd = -1;
     int port = 0;
 
     // Routes, faults and the record of requests.
@@ -89,12 +122,14 @@ struct EmbeddedService::Impl {
     std::vector<Request> recorded;
     std::function<void(const Request&, int)> accessLog;
 
-    // Connections between the poller and the workers.
-    std::mutex queueMutex;
-    std::condition_variable queueCv;
-    std::deque<std::unique_ptr<Connection>> work;       // readable, for a worker
-    std::vector<std::unique_ptr<Connection>> returned;  // served, back to the poller
-    std::set<int> liveFds;                              // every open connection
+    // Every worker waits on one epoll set: the kernel hands a readable connection straight to
+    // one of them, and each connection is armed for one event at a time, so no two workers
+    // ever read the same connection.
+    std::mutex connMutex;
+    std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> idle;  // armed, waiting
+    std::set<int> liveFds;                                                // every open one
+    std::uint64_t nextId = kFirstConnectionId;
+    Clock::time_point lastSweep = Clock::now();
     std::atomic<std::size_t> accepted{0};
 
     std::atomic<bool> stopping{false};
@@ -102,16 +137,18 @@ struct EmbeddedService::Impl {
     std::condition_variable stopCv;  // wakes wait() and interrupts injected delays
     bool stopped = false;
 
-    std::thread poller;
     std::vector<std::thread> workers;
 
     void listenOn(int requestedPort);
-    void pollLoop();
     void workerLoop();
+    void acceptAll();
+    void sweepIdle();
+    void arm(std::unique_ptr<Connection> conn, int op);
+    std::unique_ptr<Connection> claim(std::uint64_t id);
     void serve(std::unique_ptr<Connection> conn);
     void close(std::unique_ptr<Connection> conn);
     void lingeringClose(std::unique_ptr<Connection> conn);
-    void wakePoller();
+    void wakeWorkers();
     void stop();
 
     // One request: record it, apply a fault, route it, answer. Returns false when the
@@ -145,102 +182,129 @@ void EmbeddedService::Impl::listenOn(int requestedPort) {
     ::getsockname(listenFd, reinterpret_cast<sockaddr*>(&addr), &len);
     port = ntohs(addr.sin_port);
     wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    epollFd = ::epoll_create1(EPOLL_CLOEXEC);
+    if (wakeFd < 0 || epollFd < 0) {
+        int err = errno;
+        ::close(listenFd);
+        listenFd = -1;
+        throw std::runtime_error(std::string("cannot wait for connections: ") + std::strerror(err));
+    }
+    epoll_event listenEvent{EPOLLIN | EPOLLONESHOT, {.u64 = kListenId}};
+    ::epoll_ctl(epollFd, EPOLL_CTL_ADD, listenFd, &listenEvent);
+    // Level-triggered and never read: once written, every worker sees it.
+    epoll_event wakeEvent{EPOLLIN, {.u64 = kWakeId}};
+    ::epoll_ctl(epollFd, EPOLL_CTL_ADD, wakeFd, &wakeEvent);
 }
 
-void EmbeddedService::Impl::wakePoller() {
+void EmbeddedService::Impl::wakeWorkers() {
     std::uint64_t one = 1;
     [[maybe_unused]] auto n = ::write(wakeFd, &one, sizeof one);
 }
 
-void EmbeddedService::Impl::pollLoop() {
-    std::vector<std::unique_ptr<Connection>> idle;
-    std::vector<pollfd> fds;
+void EmbeddedService::Impl::workerLoop() {
     while (!stopping) {
-        fds.clear();
-        fds.push_back({listenFd, POLLIN, 0});
-        fds.push_back({wakeFd, POLLIN, 0});
-        for (const auto& c : idle) {
-            fds.push_back({c->fd, POLLIN, 0});
-        }
-        int ready = ::poll(fds.data(), fds.size(), 1000);
-        if (ready < 0 && errno != EINTR) {
-            break;
-        }
+        // One event at a time, so that readable connections spread over the workers.
+        epoll_event event{};
+        int ready = ::epoll_wait(epollFd, &event, 1, 1000);
         if (stopping) {
-            break;
+            return;
         }
-        std::vector<std::unique_ptr<Connection>> readable;
-        std::vector<std::unique_ptr<Connection>> stillIdle;
-        auto now = Clock::now();
-        for (std::size_t i = 0; i < idle.size(); ++i) {
-            if ((fds[i + 2].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-                readable.push_back(std::move(idle[i]));
-            } else if (now - idle[i]->idleSince > kIdleTimeout) {
-                close(std::move(idle[i]));
-            } else {
-                stillIdle.push_back(std::move(idle[i]));
-            }
+        if (ready < 0 && errno != EINTR) {
+            return;
         }
-        idle = std::move(stillIdle);
-        if ((fds[1].revents & POLLIN) != 0) {
-            std::uint64_t count;
-            [[maybe_unused]] auto n = ::read(wakeFd, &count, sizeof count);
+        if (ready <= 0) {
+            sweepIdle();
+            continue;
         }
-        {
-            std::lock_guard lock(queueMutex);
-            for (auto& c : returned) {
-                c->idleSince = now;
-                idle.push_back(std::move(c));
-            }
-            returned.clear();
+        if (event.data.u64 == kListenId) {
+            acceptAll();
+            sweepIdle();
+            continue;
         }
-        if ((fds[0].revents & POLLIN) != 0) {
-            for (;;) {
-                int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
-                if (fd < 0) {
-                    break;  // EAGAIN: nothing more to accept; other errors: try next round
-                }
-                int one = 1;
-                ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
-                timeval tv{kReadTimeoutSeconds, 0};
-                ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-                ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-                ++accepted;
-                auto c = std::make_unique<Connection>();
-                c->fd = fd;
-                {
-                    std::lock_guard lock(queueMutex);
-                    liveFds.insert(fd);
-                }
-                idle.push_back(std::move(c));
-            }
+        if (event.data.u64 == kWakeId) {
+            continue;
         }
-        if (!readable.empty()) {
-            std::lock_guard lock(queueMutex);
-            for (auto& c : readable) {
-                work.push_back(std::move(c));
-            }
-            queueCv.notify_all();
+        if (auto conn = claim(event.data.u64)) {
+            serve(std::move(conn));
         }
-    }
-    for (auto& c : idle) {
-        close(std::move(c));
     }
 }
 
-void EmbeddedService::Impl::workerLoop() {
+// Takes every pending connection, then listens again.
+void EmbeddedService::Impl::acceptAll() {
     for (;;) {
-        std::unique_ptr<Connection> conn;
-        {
-            std::unique_lock lock(queueMutex);
-            queueCv.wait(lock, [&] { return stopping || !work.empty(); });
-            if (stopping) {
-                return;
-            }
-            conn = std::move(work.front());
-            work.pop_front();
+        int fd = ::accept4(listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if (fd < 0) {
+            break;  // EAGAIN: nothing more to accept; other errors: try next round
         }
-        serve(std::move(conn));
+        int one = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        timeval tv{kReadTimeoutSeconds, 0};
+        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+        ++accepted;
+        auto c = std::make_unique<Connection>();
+        c->fd = fd;
+        {
+            std::lock_guard lock(connMutex);
+            c->id = nextId++;
+            liveFds.insert(fd);
+        }
+        arm(std::move(c), EPOLL_CTL_ADD);
+    }
+    epoll_event again{EPOLLIN | EPOLLONESHOT, {.u64 = kListenId}};
+    ::epoll_ctl(epollFd, EPOLL_CTL_MOD, listenFd, &again);
+}
+
+// Parks a connection until its next request. It goes on the idle list first: the event may
+// reach another worker before epoll_ctl returns.
+void EmbeddedService::Impl::arm(std::unique_ptr<Connection> conn, int op) {
+    int fd = conn->fd;
+    std::uint64_t id = conn->id;
+    conn->idleSince = Clock::now();
+    {
+        std::lock_guard lock(connMutex);
+        idle.emplace(id, std::move(conn));
+    }
+    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLONESHOT, {.u64 = id}};
+    if (::epoll_ctl(epollFd, op, fd, &event) != 0) {
+        close(claim(id));
+    }
+}
+
+// The idle connection an event names, or null when it was closed meanwhile.
+std::unique_ptr<Connection> EmbeddedService::Impl::claim(std::uint64_t id) {
+    std::lock_guard lock(connMutex);
+    auto it = idle.find(id);
+    if (it == idle.end()) {
+        return nullptr;
+    }
+    auto conn = std::move(it->second);
+    idle.erase(it);
+    return conn;
+}
+
+// Closes connections idle for too long; clients reconnect transparently.
+void EmbeddedService::Impl::sweepIdle() {
+    std::vector<std::unique_ptr<Connection>> expired;
+    {
+        std::lock_guard lock(connMutex);
+        auto now = Clock::now();
+        if (now - lastSweep < std::chrono::seconds(1)) {
+            return;
+        }
+        lastSweep = now;
+        for (auto it = idle.begin(); it != idle.end();) {
+            if (now - it->second->idleSince > kIdleTimeout) {
+                expired.push_back(std::move(it->second));
+                it = idle.erase(it);
+            } else {
+                ++it;
+            }
+        }
+    }
+    for (auto& c : expired) {
+        close(std::move(c));
     }
 }
 
@@ -250,10 +314,10 @@ void EmbeddedService::Impl::close(std::unique_ptr<Connection> conn) {
     }
     {
         // Removed before closing so that stop() never shuts down a reused descriptor.
-        std::lock_guard lock(queueMutex);
+        std::lock_guard lock(connMutex);
         liveFds.erase(conn->fd);
     }
-    ::close(conn->fd);
+    ::close(conn->fd);  // also takes it out of the epoll set
     conn->fd = -1;
 }
 
@@ -281,7 +345,7 @@ void EmbeddedService::Impl::serve(std::unique_ptr<Connection> conn) {
         auto outcome = http::parseRequestHead(conn->buffer);
         if (outcome.kind == http::ParseOutcome::Kind::Invalid) {
             Response r = Response::text(outcome.status, outcome.reason + "\n");
-            sendAll(conn->fd, http::responseHead(r, false) + r.body);
+            sendAll(conn->fd, http::responseHead(r, false), r.body);
             lingeringClose(std::move(conn));
             return;
         }
@@ -295,9 +359,7 @@ void EmbeddedService::Impl::serve(std::unique_ptr<Connection> conn) {
             if (!conn->buffer.empty()) {
                 continue;  // a pipelined request is already here
             }
-            std::lock_guard lock(queueMutex);
-            returned.push_back(std::move(conn));
-            wakePoller();
+            arm(std::move(conn), EPOLL_CTL_MOD);
             return;
         }
         ssize_t n = ::recv(conn->fd, chunk, sizeof chunk, 0);
@@ -391,11 +453,11 @@ bool EmbeddedService::Impl::answer(Connection& conn, const http::ParsedRequest& 
     }
     if (fault && fault->truncateBody) {
         // The head promises the whole body; half of it arrives before the connection closes.
-        sendAll(conn.fd, head + response.body.substr(0, response.body.size() / 2));
+        sendAll(conn.fd, head, std::string_view(response.body).substr(0, response.body.size() / 2));
         ::shutdown(conn.fd, SHUT_RDWR);
         return false;
     }
-    return sendAll(conn.fd, head + response.body) && keepAlive;
+    return sendAll(conn.fd, head, response.body) && keepAlive;
 }
 
 void EmbeddedService::Impl::stop() {
@@ -409,38 +471,30 @@ void EmbeddedService::Impl::stop() {
         stopping = true;
         stopCv.notify_all();
     }
-    wakePoller();
+    wakeWorkers();
     {
-        std::lock_guard lock(queueMutex);
-        queueCv.notify_all();
         // Workers blocked reading a slow client return at once.
+        std::lock_guard lock(connMutex);
         for (int fd : liveFds) {
             ::shutdown(fd, SHUT_RDWR);
         }
-    }
-    if (poller.joinable()) {
-        poller.join();
     }
     for (auto& w : workers) {
         if (w.joinable()) {
             w.join();
         }
     }
-    std::deque<std::unique_ptr<Connection>> leftWork;
-    std::vector<std::unique_ptr<Connection>> leftReturned;
+    std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> left;
     {
-        std::lock_guard lock(queueMutex);
-        leftWork.swap(work);
-        leftReturned.swap(returned);
+        std::lock_guard lock(connMutex);
+        left.swap(idle);
     }
-    for (auto& c : leftWork) {
-        close(std::move(c));
-    }
-    for (auto& c : leftReturned) {
+    for (auto& [id, c] : left) {
         close(std::move(c));
     }
     ::close(listenFd);
     ::close(wakeFd);
+    ::close(epollFd);
     std::lock_guard lock(stopMutex);
     stopped = true;
     stopCv.notify_all();
@@ -451,7 +505,6 @@ void EmbeddedService::Impl::stop() {
 EmbeddedService::EmbeddedService(int port) : impl_(std::make_unique<Impl>()) {
     impl_->listenOn(port);
     installBuiltinRoutes(*this);
-    impl_->poller = std::thread([this] { impl_->pollLoop(); });
     for (int i = 0; i < kWorkers; ++i) {
         impl_->workers.emplace_back([this] { impl_->workerLoop(); });
     }

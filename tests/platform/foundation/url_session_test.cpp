@@ -253,6 +253,7 @@ TEST_F(URLSessionTest, OnlySuccessfulAnswersAreCached) {
 TEST_F(URLSessionTest, CacheReadsBackFromDiskAndIgnoresDamagedFiles) {
     URL address = url("/echo?disk=1");
     FetchResult loaded = fetch(address);
+    URLCache::shared().flush();
     auto dir = std::filesystem::path(URLCache::shared().diskPath());
     EXPECT_EQ(dir, home_ / "caches" / "URLCache");
     std::vector<std::filesystem::path> files;
@@ -276,6 +277,48 @@ TEST_F(URLSessionTest, CacheReadsBackFromDiskAndIgnoresDamagedFiles) {
 
     URLCache::shared().removeAllCachedResponses();
     EXPECT_FALSE(std::filesystem::exists(files[0]));
+}
+
+TEST_F(URLSessionTest, StoredAnswersAreFoundWhileTheirFilesAreWrittenAndRemovalDropsThem) {
+    constexpr int kCount = 40;
+    auto address = [&](int n) { return url("/stored?n=" + std::to_string(n)); };
+    auto body = [](const std::string& text) { return Data(text.begin(), text.end()); };
+    auto cachedText = [](const URL& u) -> std::optional<std::string> {
+        auto data = URLCache::shared().cachedData(u);
+        return data ? std::optional<std::string>(std::string(data->begin(), data->end()))
+                    : std::nullopt;
+    };
+    auto fileCount = [] {
+        std::error_code ec;
+        auto it = std::filesystem::directory_iterator(URLCache::shared().diskPath(), ec);
+        return ec ? 0 : std::distance(it, std::filesystem::directory_iterator());
+    };
+    // Without the memory layer an answer is found at once, written or not.
+    URLCache::shared().setMemoryCapacity(0);
+    for (int n = 0; n < kCount; ++n) {
+        URLCache::shared().store(address(n), {address(n), 200, {{"x-n", std::to_string(n)}}},
+                                 body("body " + std::to_string(n)));
+        EXPECT_EQ(cachedText(address(n)), "body " + std::to_string(n));
+    }
+    URLCache::shared().store(address(0), {address(0), 200, {}}, body("newer"));
+    URLCache::shared().flush();
+    EXPECT_EQ(fileCount(), kCount);
+    EXPECT_EQ(cachedText(address(0)), "newer") << "the later answer wins on disk too";
+    for (int n = 1; n < kCount; ++n) {
+        auto cached = URLCache::shared().cachedResponse(address(n));
+        ASSERT_TRUE(cached) << n;
+        EXPECT_EQ(cached->response.headers.at("x-n"), std::to_string(n));
+    }
+
+    // Writes still waiting when everything is removed never land afterwards.
+    for (int n = 0; n < kCount; ++n) {
+        URLCache::shared().store(address(n), {address(n), 200, {}}, body("again"));
+    }
+    URLCache::shared().removeAllCachedResponses();
+    URLCache::shared().flush();
+    EXPECT_EQ(fileCount(), 0);
+    EXPECT_FALSE(cachedText(address(kCount - 1)));
+    URLCache::shared().setMemoryCapacity(4 * 1024 * 1024);
 }
 
 TEST_F(URLSessionTest, CancelEndsATransferInFlightOnce) {

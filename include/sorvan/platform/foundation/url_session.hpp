@@ -121,8 +121,12 @@ class URLCache {
     static URLCache& shared();
     std::optional<Data> cachedData(const URL& url) const;
     std::optional<CachedResponse> cachedResponse(const URL& url) const;
-    /// Keeps data when response.statusCode is 200; ignores anything else.
+    /// Keeps data when response.statusCode is 200; ignores anything else. The answer is
+    /// found at once; its file is written on a thread of the cache's own, soon after.
     void store(const URL& url, const HTTPURLResponse& response, const Data& data);
+    /// Waits until every response stored so far is on disk (the process also does this,
+    /// briefly, when it exits).
+    void flush();
     /// Empties memory and disk.
     void removeAllCachedResponses();
     /// Bounds the memory layer (default 4 MiB); 0 empties it and keeps it empty. A response
