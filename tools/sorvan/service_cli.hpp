@@ -33,8 +33,6 @@ int takeServiceOption(const std::string& command, const std::vector<std::string>
 std::optional<std::string> optionValue(const std::vector<std::string>& args, std::size_t& i,
                                        const std::string& name);
 std::optional<std::int64_t> parseInteger(const std::string& text);
-/// True for an argument that is an option and not a negative number.
-bool looksLikeOption(const std::string& arg);
 
 /// A map view set up as the options say (key, language), centred on kToolMapCenter. The
 /// tool only calls its completion-style services, whose blocks run on the session queue, so
