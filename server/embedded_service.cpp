@@ -129,7 +129,9 @@ struct EmbeddedService::Impl {
     std::unordered_map<std::uint64_t, std::unique_ptr<Connection>> idle;  // armed, waiting
     std::set<int> liveFds;                                                // every open one
     std::uint64_t nextId = kFirstConnectionId;
-    Clock::time_point lastSweep = Clock::now();
+    // When idle connections were last looked at (steady-clock ticks); one worker at a time
+    // looks, at most once a second.
+    std::atomic<Clock::rep> lastSweep{Clock::now().time_since_epoch().count()};
     std::atomic<std::size_t> accepted{0};
 
     std::atomic<bool> stopping{false};
@@ -212,19 +214,13 @@ void EmbeddedService::Impl::workerLoop() {
         if (ready < 0 && errno != EINTR) {
             return;
         }
-        if (ready <= 0) {
-            sweepIdle();
+        sweepIdle();
+        if (ready <= 0 || event.data.u64 == kWakeId) {
             continue;
         }
         if (event.data.u64 == kListenId) {
             acceptAll();
-            sweepIdle();
-            continue;
-        }
-        if (event.data.u64 == kWakeId) {
-            continue;
-        }
-        if (auto conn = claim(event.data.u64)) {
+        } else if (auto conn = claim(event.data.u64)) {
             serve(std::move(conn));
         }
     }
@@ -286,14 +282,15 @@ std::unique_ptr<Connection> EmbeddedService::Impl::claim(std::uint64_t id) {
 
 // Closes connections idle for too long; clients reconnect transparently.
 void EmbeddedService::Impl::sweepIdle() {
+    auto now = Clock::now();
+    Clock::rep last = lastSweep.load();
+    if (now - Clock::time_point(Clock::duration(last)) < std::chrono::seconds(1) ||
+        !lastSweep.compare_exchange_strong(last, now.time_since_epoch().count())) {
+        return;
+    }
     std::vector<std::unique_ptr<Connection>> expired;
     {
         std::lock_guard lock(connMutex);
-        auto now = Clock::now();
-        if (now - lastSweep < std::chrono::seconds(1)) {
-            return;
-        }
-        lastSweep = now;
         for (auto it = idle.begin(); it != idle.end();) {
             if (now - it->second->idleSince > kIdleTimeout) {
                 expired.push_back(std::move(it->second));

@@ -1,11 +1,16 @@
 #include "sorvan/platform/foundation/dispatch.hpp"
 
+#include <linux/futex.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cassert>
+#include <cerrno>
+#include <climits>
 #include <cmath>
 #include <condition_variable>
 #include <deque>
@@ -500,6 +505,7 @@ struct QueueState {
     std::map<DelayKey, Task> delayed;
     std::uint64_t sequence = 0;
     bool stopping = false;
+    bool sleeping = false;  // the worker waits for work; only then is it worth a wake-up
     std::atomic<std::thread::id> worker{};
 
     void loop() {
@@ -524,11 +530,13 @@ struct QueueState {
                         lock.unlock();
                         return;
                     }
+                    sleeping = true;
                     if (delayed.empty()) {
                         wake.wait(lock);
                     } else {
                         wake.wait_until(lock, delayed.begin()->first.first);
                     }
+                    sleeping = false;
                 }
                 task = std::move(ready.front());
                 ready.pop_front();
@@ -571,12 +579,19 @@ SerialQueue::~SerialQueue() {
 }
 
 void SerialQueue::async(Task task) {
-    // Notified under the lock: the task may destroy this queue as soon as the lock is
-    // released, and nothing of it may be touched after that.
-    QueueState& state = *impl_->state;
-    std::lock_guard lock(state.mutex);
-    state.ready.push_back(std::move(task));
-    state.wake.notify_all();
+    // The task may destroy this queue as soon as the lock is released; the state it shares
+    // with the worker thread is held here until the wake-up is sent. The wake-up goes out
+    // after the lock is released, so that the worker does not wake only to wait for it.
+    std::shared_ptr<QueueState> state = impl_->state;
+    bool wake = false;
+    {
+        std::lock_guard lock(state->mutex);
+        state->ready.push_back(std::move(task));
+        wake = state->sleeping;
+    }
+    if (wake) {
+        state->wake.notify_one();
+    }
 }
 
 void SerialQueue::asyncAfter(Duration delay, Task task) {
@@ -585,10 +600,13 @@ void SerialQueue::asyncAfter(Duration delay, Task task) {
         async(std::move(task));
         return;
     }
-    QueueState& state = *impl_->state;
-    std::lock_guard lock(state.mutex);
-    state.delayed.emplace(DelayKey{SteadyClock::now() + d, state.sequence++}, std::move(task));
-    state.wake.notify_all();
+    std::shared_ptr<QueueState> state = impl_->state;
+    {
+        std::lock_guard lock(state->mutex);
+        state->delayed.emplace(DelayKey{SteadyClock::now() + d, state->sequence++},
+                               std::move(task));
+    }
+    state->wake.notify_one();
 }
 
 bool SerialQueue::isCurrent() const {
@@ -601,9 +619,7 @@ void SerialQueue::sync(const Task& task) {
         task();
         return;
     }
-    std::mutex m;
-    std::condition_variable cv;
-    bool done = false;
+    Semaphore done;
     std::exception_ptr failure;
     async([&] {
         try {
@@ -611,12 +627,9 @@ void SerialQueue::sync(const Task& task) {
         } catch (...) {
             failure = std::current_exception();
         }
-        std::lock_guard lock(m);
-        done = true;
-        cv.notify_all();
+        done.signal();
     });
-    std::unique_lock lock(m);
-    cv.wait(lock, [&] { return done; });
+    done.wait();
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -628,39 +641,104 @@ const std::string& SerialQueue::label() const {
 
 // ---------------------------------------------------------------------------------------------
 // Semaphore
+//
+// One 64-bit word holds the count (low half, also the futex word) and the number of sleeping
+// waiters (high half). signal() is a single atomic add, plus a wake-up only when someone
+// sleeps; after the add it touches nothing of the semaphore but the futex address, so the
+// waiter may destroy the semaphore as soon as it returns.
+
+namespace {
+
+constexpr std::uint64_t kCountMask = 0xffffffffull;
+constexpr std::uint64_t kOneWaiter = 1ull << 32;
+
+std::uint64_t countOf(std::uint64_t word) {
+    return word & kCountMask;
+}
+
+}  // namespace
 
 struct Semaphore::Impl {
-    std::mutex mutex;
-    std::condition_variable cv;
-    long value = 0;
+    std::atomic<std::uint64_t> word{0};
+
+    std::uint32_t* futexWord() {
+        static_assert(sizeof(std::atomic<std::uint64_t>) == sizeof(std::uint64_t));
+        auto* halves = reinterpret_cast<std::uint32_t*>(&word);
+        return std::endian::native == std::endian::little ? halves : halves + 1;
+    }
+
+    // Sleeps while the count is zero, at most until the timeout (when given).
+    void sleep(const timespec* timeout) {
+        ::syscall(SYS_futex, futexWord(), FUTEX_WAIT_PRIVATE, 0, timeout, nullptr, 0);
+    }
+
+    bool tryTake(std::uint64_t& seen, std::uint64_t alsoRemove) {
+        while (countOf(seen) > 0) {
+            if (word.compare_exchange_weak(seen, seen - 1 - alsoRemove)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // Takes one from the count, waiting until the deadline (none: for ever).
+    bool take(std::optional<TimePoint> deadline) {
+        std::uint64_t seen = word.load();
+        if (tryTake(seen, 0)) {
+            return true;
+        }
+        seen = word.fetch_add(kOneWaiter) + kOneWaiter;
+        for (;;) {
+            if (tryTake(seen, kOneWaiter)) {
+                return true;
+            }
+            if (!deadline) {
+                sleep(nullptr);
+            } else {
+                auto left = *deadline - SteadyClock::now();
+                if (left <= SteadyClock::duration::zero()) {
+                    // Leaves without taking only while the count is zero, so that no signal's
+                    // wake-up is spent on a waiter that gives up.
+                    seen = word.load();
+                    for (;;) {
+                        if (tryTake(seen, kOneWaiter)) {
+                            return true;
+                        }
+                        if (word.compare_exchange_weak(seen, seen - kOneWaiter)) {
+                            return false;
+                        }
+                    }
+                }
+                auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+                timespec ts{static_cast<time_t>(ns / 1'000'000'000),
+                            static_cast<long>(ns % 1'000'000'000)};
+                sleep(&ts);
+            }
+            seen = word.load();
+        }
+    }
 };
 
 Semaphore::Semaphore(long value) : impl_(std::make_unique<Impl>()) {
-    impl_->value = value;
+    impl_->word = static_cast<std::uint64_t>(std::clamp<long>(value, 0, INT_MAX));
 }
 
 Semaphore::~Semaphore() = default;
 
 void Semaphore::signal() {
-    // Notified under the lock: the waiter commonly destroys the semaphore once it wakes.
-    std::lock_guard lock(impl_->mutex);
-    ++impl_->value;
-    impl_->cv.notify_one();
+    Impl& impl = *impl_;
+    std::uint32_t* address = impl.futexWord();
+    if (impl.word.fetch_add(1) >= kOneWaiter) {
+        ::syscall(SYS_futex, address, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
 }
 
 void Semaphore::wait() {
-    std::unique_lock lock(impl_->mutex);
-    impl_->cv.wait(lock, [&] { return impl_->value > 0; });
-    --impl_->value;
+    impl_->take(std::nullopt);
 }
 
 bool Semaphore::waitFor(Duration timeout) {
-    std::unique_lock lock(impl_->mutex);
-    if (!impl_->cv.wait_for(lock, toSteady(timeout), [&] { return impl_->value > 0; })) {
-        return false;
-    }
-    --impl_->value;
-    return true;
+    return impl_->take(SteadyClock::now() + toSteady(timeout));
 }
 
 }  // namespace sorvan::dispatch

@@ -4,6 +4,8 @@
 // delegate queue never waits for the file system. Until its file is written a response stays
 // findable in a table of pending writes, whatever the memory layer's bound.
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <list>
 #include <mutex>
 #include <unordered_map>
@@ -22,6 +25,7 @@
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
+#include "url_cache_access.hpp"
 
 namespace sorvan::net {
 
@@ -39,6 +43,13 @@ constexpr int kWritesPerDiskCheck = 64;
 constexpr std::string_view kFileMagic = "SORVAN-URLCACHE-1";
 // At exit the writes still pending get this long to reach the disk.
 constexpr auto kExitFlushLimit = std::chrono::seconds(2);
+// Past this many bytes waiting for the disk, a store writes its own file rather than let the
+// backlog grow: more would not fit on disk anyway.
+constexpr std::size_t kMaxPendingBytes = kDiskCapacity;
+// The writer yields to the threads that wait for answers; it has all the idle time it needs.
+constexpr int kWriterNice = 10;
+// How many files the writer remembers the content of, to skip rewriting them unchanged.
+constexpr std::size_t kRememberedFiles = 16384;
 
 // FNV-1a: file names only need to spread well; each file also records its URL.
 std::string fileNameFor(const std::string& key) {
@@ -46,9 +57,12 @@ std::string fileNameFor(const std::string& key) {
     for (unsigned char c : key) {
         h = (h ^ c) * 1099511628211ull;
     }
-    char name[32];
-    std::snprintf(name, sizeof name, "%016llx.response", static_cast<unsigned long long>(h));
-    return name;
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string name(16, '0');
+    for (int i = 15; i >= 0; --i, h >>= 4) {
+        name[static_cast<std::size_t>(i)] = kHex[h & 0xf];
+    }
+    return name + ".response";
 }
 
 // File layout: magic, URL, status, header count, then name and value lines, the body length
@@ -96,60 +110,60 @@ bool writeAll(int fd, const std::string& head, const Data& body) {
     return true;
 }
 
-std::optional<URLCache::CachedResponse> deserialise(const std::string& key, std::istream& in) {
+std::shared_ptr<CacheEntry> deserialise(const std::string& key, std::istream& in) {
     std::string line;
     if (!std::getline(in, line) || line != kFileMagic || !std::getline(in, line) || line != key) {
-        return std::nullopt;
+        return nullptr;
     }
     auto url = URL::fromString(key);
     if (!url) {
-        return std::nullopt;
+        return nullptr;
     }
-    URLCache::CachedResponse cached{HTTPURLResponse{*url, 0, {}}, {}};
+    auto entry = std::make_shared<CacheEntry>();
+    HTTPURLResponse& response = entry->response.emplace(HTTPURLResponse{*url, 0, {}});
     std::size_t headerCount = 0;
     std::size_t bodySize = 0;
-    if (!(in >> cached.response.statusCode >> headerCount) || in.get() != '\n' ||
-        headerCount > 10000) {
-        return std::nullopt;
+    if (!(in >> response.statusCode >> headerCount) || in.get() != '\n' || headerCount > 10000) {
+        return nullptr;
     }
     for (std::size_t i = 0; i < headerCount; ++i) {
         std::string name, value;
         if (!std::getline(in, name) || !std::getline(in, value)) {
-            return std::nullopt;
+            return nullptr;
         }
-        cached.response.headers.emplace(std::move(name), std::move(value));
+        response.headers.emplace(std::move(name), std::move(value));
     }
     if (!(in >> bodySize) || in.get() != '\n' || bodySize > kMaxDiskEntry) {
-        return std::nullopt;
+        return nullptr;
     }
-    cached.data.resize(bodySize);
-    if (!in.read(reinterpret_cast<char*>(cached.data.data()),
-                 static_cast<std::streamsize>(bodySize))) {
-        return std::nullopt;
+    Data& data = entry->data.emplace(bodySize);
+    if (!in.read(reinterpret_cast<char*>(data.data()), static_cast<std::streamsize>(bodySize))) {
+        return nullptr;
     }
-    return cached;
+    return entry;
 }
 
 }  // namespace
 
 struct URLCache::Impl {
-    using Shared = std::shared_ptr<const CachedResponse>;
+    using Shared = std::shared_ptr<const CacheEntry>;
     using Entry = std::pair<std::string, Shared>;
 
-    // A response on its way to disk, with the directory it was stored for.
+    // A response on its way to disk, with the file it was stored for.
     struct PendingWrite {
-        fs::path file;
-        Shared response;
+        std::string file;
+        Shared entry;
     };
 
     mutable std::mutex mutex;
-    // Most recently used first. Entries are shared with pending writes, never changed.
+    // Most recently used first.
     mutable std::list<Entry> lru;
     mutable std::unordered_map<std::string, std::list<Entry>::iterator> index;
     mutable std::size_t memoryBytes = 0;
     std::size_t memoryCapacity = kDefaultMemoryCapacity;
     // The latest response stored for each key whose file is not written yet.
     std::unordered_map<std::string, PendingWrite> pending;
+    std::size_t pendingBytes = 0;
     // Bumped by removeAllCachedResponses(), so that a disk read begun before it cannot bring
     // an answer back into memory after it.
     std::uint64_t generation = 0;
@@ -158,22 +172,30 @@ struct URLCache::Impl {
     // progress, and no write starts until the removal is over. Taken before `mutex`.
     std::timed_mutex diskMutex;
     int writesSinceCheck = 0;  // guarded by diskMutex
+    // What this process last wrote to each file (a hash of it), so that an answer stored
+    // again unchanged is not written again. Guarded by diskMutex.
+    std::unordered_map<std::string, std::size_t> written;
     dispatch::SerialQueue writer{"net.urlcache"};
 
-    static std::size_t sizeOf(const CachedResponse& r) { return r.data.size() + 256; }
+    Impl() {
+        writer.async(
+            [] { ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), kWriterNice); });
+    }
+
+    static std::size_t sizeOf(const CacheEntry& e) { return e.data->size() + 256; }
 
     // REQUIRES: mutex held.
-    void remember(const std::string& key, Shared response) const {
+    void remember(const std::string& key, Shared entry) const {
         if (auto it = index.find(key); it != index.end()) {
             memoryBytes -= sizeOf(*it->second->second);
             lru.erase(it->second);
             index.erase(it);
         }
-        if (sizeOf(*response) > memoryCapacity / 20) {
+        if (sizeOf(*entry) > memoryCapacity / 20) {
             return;
         }
-        memoryBytes += sizeOf(*response);
-        lru.emplace_front(key, std::move(response));
+        memoryBytes += sizeOf(*entry);
+        lru.emplace_front(key, std::move(entry));
         index[key] = lru.begin();
         evictToCapacity();
     }
@@ -185,6 +207,69 @@ struct URLCache::Impl {
             index.erase(lru.back().first);
             lru.pop_back();
         }
+    }
+
+    Shared lookup(const std::string& key, const std::string& dir) const {
+        std::uint64_t seen = 0;
+        {
+            std::lock_guard lock(mutex);
+            if (auto it = index.find(key); it != index.end()) {
+                lru.splice(lru.begin(), lru, it->second);
+                return it->second->second;
+            }
+            if (auto it = pending.find(key); it != pending.end()) {
+                return it->second.entry;
+            }
+            seen = generation;
+        }
+        // Read without the lock: files are replaced whole, never changed in place.
+        std::ifstream in(dir + "/" + fileNameFor(key), std::ios::binary);
+        if (!in) {
+            return nullptr;
+        }
+        Shared entry = deserialise(key, in);
+        if (!entry) {
+            return nullptr;  // another URL with the same file name, or a damaged file
+        }
+        std::lock_guard lock(mutex);
+        if (generation == seen && index.count(key) == 0) {
+            remember(key, entry);
+        }
+        return entry;
+    }
+
+    void store(const std::string& key, const std::string& dir, Shared entry) {
+        bool toDisk = entry->data->size() <= kMaxDiskEntry;
+        bool backlogged = false;
+        {
+            std::lock_guard lock(mutex);
+            remember(key, entry);
+            if (!toDisk) {
+                return;
+            }
+            PendingWrite& slot = pending[key];
+            if (slot.entry) {
+                pendingBytes -= sizeOf(*slot.entry);
+            }
+            pendingBytes += sizeOf(*entry);
+            slot = PendingWrite{dir + "/" + fileNameFor(key), std::move(entry)};
+            backlogged = pendingBytes > kMaxPendingBytes;
+        }
+        if (backlogged) {
+            std::lock_guard disk(diskMutex);
+            writePending(key);
+            return;
+        }
+        writer.async([this, key] {
+            std::lock_guard disk(diskMutex);
+            writePending(key);
+        });
+    }
+
+    // REQUIRES: mutex held.
+    void dropPending(std::unordered_map<std::string, PendingWrite>::iterator it) {
+        pendingBytes -= sizeOf(*it->second.entry);
+        pending.erase(it);
     }
 
     // Writes the pending response of key, if there still is one. Disk errors only cost the
@@ -199,45 +284,68 @@ struct URLCache::Impl {
             }
             job = it->second;
         }
-        writeFile(key, job);
+        const CacheEntry& e = *job.entry;
+        std::string head = serialisedHead(key, *e.response, e.data->size());
+        std::string_view body(reinterpret_cast<const char*>(e.data->data()), e.data->size());
+        std::size_t hash =
+            std::hash<std::string_view>{}(head)*31 + std::hash<std::string_view>{}(body);
+        auto known = written.find(job.file);
+        // Still there, whole: the file may have been removed or cut short by someone else.
+        struct stat st {};
+        bool unchanged = known != written.end() && known->second == hash &&
+                         ::stat(job.file.c_str(), &st) == 0 &&
+                         static_cast<std::size_t>(st.st_size) == head.size() + body.size();
+        if (!unchanged) {
+            if (known != written.end()) {
+                written.erase(known);
+            }
+            if (writeFile(job.file, head, *e.data)) {
+                if (written.size() >= kRememberedFiles) {
+                    written.clear();
+                }
+                written.emplace(job.file, hash);
+            }
+        }
         {
             // A newer store of the same key waits for its own turn.
             std::lock_guard lock(mutex);
             auto it = pending.find(key);
-            if (it != pending.end() && it->second.response == job.response) {
-                pending.erase(it);
+            if (it != pending.end() && it->second.entry == job.entry) {
+                dropPending(it);
             }
         }
-        if (++writesSinceCheck >= kWritesPerDiskCheck) {
+        if (!unchanged && ++writesSinceCheck >= kWritesPerDiskCheck) {
             writesSinceCheck = 0;
-            trimDisk(job.file.parent_path());
+            if (trimDisk(fs::path(job.file).parent_path())) {
+                written.clear();
+            }
         }
     }
 
     // Written aside and renamed, so that a reader never sees half a file.
-    static void writeFile(const std::string& key, const PendingWrite& job) {
-        fs::path temp = job.file;
-        temp += ".tmp";
+    static bool writeFile(const std::string& file, const std::string& head, const Data& body) {
+        std::string temp = file + ".tmp";
         int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         if (fd < 0 && errno == ENOENT) {
             std::error_code ec;
-            fs::create_directories(job.file.parent_path(), ec);
+            fs::create_directories(fs::path(file).parent_path(), ec);
             fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
         }
         if (fd < 0) {
-            return;
+            return false;
         }
-        const CachedResponse& r = *job.response;
-        bool written = writeAll(fd, serialisedHead(key, r.response, r.data.size()), r.data);
+        bool complete = writeAll(fd, head, body);
         bool closed = ::close(fd) == 0;
-        if (!written || !closed || ::rename(temp.c_str(), job.file.c_str()) != 0) {
+        if (!complete || !closed || ::rename(temp.c_str(), file.c_str()) != 0) {
             ::unlink(temp.c_str());
+            return false;
         }
+        return true;
     }
 
     // Removes the least recently written files until the directory is well under its bound.
-    // REQUIRES: diskMutex held.
-    static void trimDisk(const fs::path& dir) {
+    // Returns whether it removed any. REQUIRES: diskMutex held.
+    static bool trimDisk(const fs::path& dir) {
         std::error_code ec;
         std::vector<std::pair<fs::file_time_type, fs::path>> files;
         std::uintmax_t total = 0;
@@ -251,7 +359,7 @@ struct URLCache::Impl {
             files.emplace_back(entry.last_write_time(e2), entry.path());
         }
         if (total <= kDiskCapacity) {
-            return;
+            return false;
         }
         std::sort(files.begin(), files.end());
         for (const auto& [time, path] : files) {
@@ -264,6 +372,7 @@ struct URLCache::Impl {
                 total -= size;
             }
         }
+        return true;
     }
 
     // Writes every pending response on the calling thread. Gives up when the disk stays
@@ -305,65 +414,41 @@ std::string URLCache::diskPath() const {
 }
 
 std::optional<Data> URLCache::cachedData(const URL& url) const {
-    auto cached = cachedResponse(url);
-    if (!cached) {
+    auto entry = impl_->lookup(url.absoluteString(), diskPath());
+    if (!entry) {
         return std::nullopt;
     }
-    return std::move(cached->data);
+    return entry->data;
 }
 
 std::optional<URLCache::CachedResponse> URLCache::cachedResponse(const URL& url) const {
-    const std::string& key = url.absoluteString();
-    std::uint64_t generation = 0;
-    {
-        std::lock_guard lock(impl_->mutex);
-        if (auto it = impl_->index.find(key); it != impl_->index.end()) {
-            impl_->lru.splice(impl_->lru.begin(), impl_->lru, it->second);
-            return *it->second->second;
-        }
-        if (auto it = impl_->pending.find(key); it != impl_->pending.end()) {
-            return *it->second.response;
-        }
-        generation = impl_->generation;
-    }
-    // Read without the lock: files are replaced whole, never changed in place.
-    fs::path file = fs::path(diskPath()) / fileNameFor(key);
-    std::ifstream in(file, std::ios::binary);
-    if (!in) {
+    auto entry = impl_->lookup(url.absoluteString(), diskPath());
+    if (!entry) {
         return std::nullopt;
     }
-    auto cached = deserialise(key, in);
-    if (!cached) {
-        return std::nullopt;  // another URL with the same file name, or a damaged file
-    }
-    std::lock_guard lock(impl_->mutex);
-    if (impl_->generation == generation && impl_->index.count(key) == 0) {
-        impl_->remember(key, std::make_shared<const CachedResponse>(*cached));
-    }
-    return cached;
+    return CachedResponse{*entry->response, *entry->data};
 }
 
 void URLCache::store(const URL& url, const HTTPURLResponse& response, const Data& data) {
     if (response.statusCode != 200) {
         return;
     }
-    const std::string& key = url.absoluteString();
-    auto entry = std::make_shared<CachedResponse>(CachedResponse{response, data});
-    entry->response.url = url;
-    bool toDisk = data.size() <= kMaxDiskEntry;
-    fs::path file = toDisk ? fs::path(diskPath()) / fileNameFor(key) : fs::path();
-    {
-        std::lock_guard lock(impl_->mutex);
-        impl_->remember(key, entry);
-        if (!toDisk) {
-            return;
-        }
-        impl_->pending[key] = Impl::PendingWrite{std::move(file), std::move(entry)};
+    auto entry = std::make_shared<CacheEntry>(CacheEntry{response, data});
+    entry->response->url = url;
+    impl_->store(url.absoluteString(), diskPath(), std::move(entry));
+}
+
+std::shared_ptr<const CacheEntry> URLCacheAccess::store(URLCache& cache, HTTPURLResponse response,
+                                                        Data data) {
+    auto entry = std::make_shared<CacheEntry>(CacheEntry{std::move(response), std::move(data)});
+    if (entry->response->statusCode == 200) {
+        cache.impl_->store(entry->response->url.absoluteString(), cache.diskPath(), entry);
     }
-    impl_->writer.async([impl = impl_.get(), key] {
-        std::lock_guard disk(impl->diskMutex);
-        impl->writePending(key);
-    });
+    return entry;
+}
+
+std::shared_ptr<const CacheEntry> URLCacheAccess::lookup(const URLCache& cache, const URL& url) {
+    return cache.impl_->lookup(url.absoluteString(), cache.diskPath());
 }
 
 void URLCache::flush() {
@@ -383,6 +468,8 @@ void URLCache::removeAllCachedResponses() {
     impl_->index.clear();
     impl_->memoryBytes = 0;
     impl_->pending.clear();
+    impl_->pendingBytes = 0;
+    impl_->written.clear();
     ++impl_->generation;
     std::error_code ec;
     for (const auto& entry : fs::directory_iterator(diskPath(), ec)) {

@@ -5,6 +5,8 @@
 
 #include <curl/curl.h>
 
+#include "url_cache_access.hpp"
+
 #include <algorithm>
 #include <atomic>
 #include <cctype>
@@ -37,6 +39,10 @@ using MultiHandle = std::unique_ptr<CURLM, CurlDeleter<curl_multi_cleanup>>;
 using HeaderList = std::unique_ptr<curl_slist, CurlDeleter<curl_slist_free_all>>;
 
 constexpr const char* kUserAgent = "SorvanMapSDK/" SORVAN_KIT_VERSION;
+// A body is given room up front for at most this many bytes; a larger one grows as it comes.
+constexpr curl_off_t kMaxReserve = 64 * 1024 * 1024;
+// Finished transfers leave their curl handles for the next ones, up to this many.
+constexpr std::size_t kSpareHandles = 16;
 
 std::string lowerCased(std::string s) {
     std::transform(s.begin(), s.end(), s.begin(),
@@ -126,6 +132,14 @@ struct Transfer {
     static size_t onBody(char* bytes, size_t size, size_t count, void* self) noexcept {
         auto* t = static_cast<Transfer*>(self);
         try {
+            if (t->body.capacity() == 0) {
+                // Room for the whole body at once when the server said how long it is.
+                curl_off_t length = -1;
+                curl_easy_getinfo(t->easy.get(), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+                if (length > 0 && length <= kMaxReserve) {
+                    t->body.reserve(static_cast<std::size_t>(length));
+                }
+            }
             t->body.insert(t->body.end(), bytes, bytes + size * count);
         } catch (...) {
             return 0;  // curl ends the transfer with a write error
@@ -168,8 +182,9 @@ struct Transfer {
     }
 };
 
-// Delivers one outcome on the session's queue. The cache is written first so that a request
-// made from the completion already finds the answer there.
+// Delivers one outcome on the session's queue. A 200 answer goes into the cache first, so that
+// a request made from the completion already finds it there; the completion is then handed
+// the cache's own copy.
 void deliver(std::shared_ptr<SessionCore> session, CompletionHandler completion,
              std::optional<Data> data, std::optional<HTTPURLResponse> response,
              std::optional<Error> error, bool store) {
@@ -177,15 +192,32 @@ void deliver(std::shared_ptr<SessionCore> session, CompletionHandler completion,
     queue.async([session = std::move(session), completion = std::move(completion),
                  data = std::move(data), response = std::move(response), error = std::move(error),
                  store]() mutable {
-        if (store && response && data) {
-            URLCache::shared().store(response->url, *response, *data);
-        }
         auto handler = std::move(completion);
+        if (store && response && data) {
+            auto entry =
+                URLCacheAccess::store(URLCache::shared(), std::move(*response), std::move(*data));
+            if (handler) {
+                handler(entry->data, entry->response, error);
+            }
+            return;
+        }
         if (handler) {
             handler(data, response, error);
         }
         // The session core may be released here, on its own queue's thread; SerialQueue
         // allows that.
+    });
+}
+
+// Delivers an answer from the cache, without copying it.
+void deliverCached(std::shared_ptr<SessionCore> session, CompletionHandler completion,
+                   std::shared_ptr<const CacheEntry> entry) {
+    auto& queue = session->queue;
+    queue.async([session = std::move(session), completion = std::move(completion),
+                 entry = std::move(entry)] {
+        if (completion) {
+            completion(entry->data, entry->response, std::nullopt);
+        }
     });
 }
 
@@ -203,6 +235,19 @@ class NetworkThread {
             incoming_.push_back(std::move(transfer));
         }
         curl_multi_wakeup(multi_.get());
+    }
+
+    // A curl handle for a new transfer: a spare one when there is one.
+    EasyHandle takeHandle() {
+        {
+            std::lock_guard lock(mutex_);
+            if (!spare_.empty()) {
+                EasyHandle easy = std::move(spare_.back());
+                spare_.pop_back();
+                return easy;
+            }
+        }
+        return EasyHandle(curl_easy_init());
     }
 
     void cancel(std::uint64_t id) {
@@ -300,7 +345,21 @@ class NetworkThread {
         auto t = std::move(it->second);
         active_.erase(it);
         curl_multi_remove_handle(multi_.get(), t->easy.get());
+        recycle(*t);
         fail(std::move(t), std::move(error));
+    }
+
+    // Keeps the handle of a finished transfer for a later one. Its connection stays with the
+    // multi handle either way.
+    void recycle(Transfer& t) {
+        if (!t.easy) {
+            return;
+        }
+        curl_easy_reset(t.easy.get());
+        std::lock_guard lock(mutex_);
+        if (spare_.size() < kSpareHandles) {
+            spare_.push_back(std::move(t.easy));
+        }
     }
 
     static void fail(std::unique_ptr<Transfer> t, Error error) {
@@ -319,6 +378,7 @@ class NetworkThread {
         if (result != CURLE_OK) {
             std::string detail = t->errorBuffer[0] != '\0' ? std::string(t->errorBuffer)
                                                            : curl_easy_strerror(result);
+            recycle(*t);
             fail(std::move(t), makeError(codeFor(result), std::move(detail)));
             return;
         }
@@ -326,9 +386,14 @@ class NetworkThread {
         curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
         char* effective = nullptr;
         curl_easy_getinfo(easy, CURLINFO_EFFECTIVE_URL, &effective);
-        std::optional<URL> finalURL = effective ? URL::fromString(effective) : std::nullopt;
-        HTTPURLResponse response{finalURL.value_or(t->url), static_cast<int>(status),
-                                 std::move(t->responseHeaders)};
+        // Parsed again only when a redirect led elsewhere.
+        std::optional<URL> finalURL;
+        if (effective && t->url.absoluteString() != effective) {
+            finalURL = URL::fromString(effective);
+        }
+        HTTPURLResponse response{finalURL ? std::move(*finalURL) : std::move(t->url),
+                                 static_cast<int>(status), std::move(t->responseHeaders)};
+        recycle(*t);
         deliver(std::move(t->session), std::move(t->completion), std::move(t->body),
                 std::move(response), std::nullopt, status == 200);
     }
@@ -338,6 +403,7 @@ class NetworkThread {
     std::mutex mutex_;
     std::vector<std::unique_ptr<Transfer>> incoming_;  // guarded by mutex_
     std::vector<std::uint64_t> cancelled_;             // guarded by mutex_
+    std::vector<EasyHandle> spare_;                    // guarded by mutex_
     ActiveMap active_;                                 // network thread only
 };
 
@@ -471,9 +537,8 @@ std::shared_ptr<DataTask> URLSession::dataTask(const URLRequest& request,
     std::uint64_t id = nextTaskId++;
     CachePolicy policy = config.requestCachePolicy.value_or(request.cachePolicy());
     if (policy == CachePolicy::ReturnCacheDataElseLoad) {
-        if (auto cached = URLCache::shared().cachedResponse(request.url())) {
-            deliver(impl_->core, std::move(completion), std::move(cached->data),
-                    std::move(cached->response), std::nullopt, false);
+        if (auto cached = URLCacheAccess::lookup(URLCache::shared(), request.url())) {
+            deliverCached(impl_->core, std::move(completion), std::move(cached));
             return std::make_shared<Task>(id, false);
         }
     }
@@ -495,8 +560,7 @@ std::shared_ptr<DataTask> URLSession::dataTask(const URLRequest& request,
                                                                : std::chrono::duration<double>(60);
     }
     t->timeout = std::chrono::duration_cast<SteadyClock::duration>(timeout);
-    NetworkThread::instance();  // curl's global state before the first easy handle
-    t->easy.reset(curl_easy_init());
+    t->easy = NetworkThread::instance().takeHandle();
     if (!t->easy || !configure(*t, request)) {
         deliver(std::move(t->session), std::move(t->completion), std::nullopt, std::nullopt,
                 makeError(Error::Code::Unknown, "cannot prepare the transfer"), false);

@@ -306,5 +306,58 @@ TEST(Semaphore, CountsSignalsAndTimesOut) {
     signaller.join();
 }
 
+TEST(Semaphore, NoSignalIsLostAmongWaitersThatGiveUp) {
+    // Patient waiters block; impatient ones give up after a moment, racing the signals. A
+    // wake-up spent on a waiter that gives up would leave a patient one asleep.
+    constexpr int kPatientEach = 1500;
+    constexpr int kImpatientTotal = 1000;
+    constexpr int kSignals = 2 * kPatientEach + kImpatientTotal;
+    Semaphore sem;
+    std::atomic<int> stuck{0};
+    std::atomic<int> impatientTaken{0};
+    std::vector<std::thread> threads;
+    for (int w = 0; w < 2; ++w) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < kPatientEach; ++i) {
+                if (!sem.waitFor(Duration(30.0))) {
+                    ++stuck;
+                }
+            }
+        });
+        threads.emplace_back([&] {
+            while (impatientTaken < kImpatientTotal) {
+                if (sem.waitFor(Duration(0.0002)) && ++impatientTaken > kImpatientTotal) {
+                    --impatientTaken;
+                    sem.signal();  // one too many: give it back
+                }
+            }
+        });
+        threads.emplace_back([&] {
+            for (int i = 0; i < kSignals / 2; ++i) {
+                sem.signal();
+                if (i % 64 == 0) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+    }
+    for (auto& t : threads) {
+        t.join();
+    }
+    EXPECT_EQ(stuck, 0);
+    EXPECT_EQ(impatientTaken, kImpatientTotal);
+    EXPECT_FALSE(sem.waitFor(Duration(0.0))) << "every signal was taken exactly once";
+}
+
+TEST(Semaphore, MayBeDestroyedAsSoonAsTheWaitReturns) {
+    for (int i = 0; i < 500; ++i) {
+        auto sem = std::make_unique<Semaphore>();
+        std::thread signaller([s = sem.get()] { s->signal(); });
+        sem->wait();
+        sem.reset();  // the signaller may still be inside signal()
+        signaller.join();
+    }
+}
+
 }  // namespace
 }  // namespace sorvan::dispatch

@@ -270,9 +270,14 @@ TEST_F(URLSessionTest, CacheReadsBackFromDiskAndIgnoresDamagedFiles) {
     EXPECT_EQ(fromDisk->response.statusCode, 200);
     EXPECT_EQ(fromDisk->response.headers, loaded.response->headers);
 
-    // A file cut short is no answer.
-    std::filesystem::resize_file(files[0], std::filesystem::file_size(files[0]) - 3);
+    // A file cut short is no answer, and the same answer stored again makes it whole.
+    auto size = std::filesystem::file_size(files[0]);
+    std::filesystem::resize_file(files[0], size - 3);
     EXPECT_FALSE(URLCache::shared().cachedData(address));
+    URLCache::shared().store(address, *loaded.response, *loaded.data);
+    URLCache::shared().flush();
+    EXPECT_EQ(std::filesystem::file_size(files[0]), size);
+    EXPECT_TRUE(URLCache::shared().cachedData(address));
     URLCache::shared().setMemoryCapacity(4 * 1024 * 1024);
 
     URLCache::shared().removeAllCachedResponses();

@@ -140,6 +140,7 @@ class URLCache {
 
   private:
     URLCache();
+    friend struct URLCacheAccess;
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
