@@ -252,20 +252,24 @@ void EmbeddedService::Impl::acceptAll() {
     ::epoll_ctl(epollFd, EPOLL_CTL_MOD, listenFd, &again);
 }
 
-// Parks a connection until its next request. It goes on the idle list first: the event may
-// reach another worker before epoll_ctl returns.
+// Parks a connection until its next request. The event may reach another worker before
+// epoll_ctl returns; that worker claims the connection under the same lock, so it finds it
+// listed and touches it only once this thread is done with it.
 void EmbeddedService::Impl::arm(std::unique_ptr<Connection> conn, int op) {
     int fd = conn->fd;
     std::uint64_t id = conn->id;
     conn->idleSince = Clock::now();
+    std::unique_ptr<Connection> failed;
     {
         std::lock_guard lock(connMutex);
-        idle.emplace(id, std::move(conn));
+        auto [it, added] = idle.emplace(id, std::move(conn));
+        epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLONESHOT, {.u64 = id}};
+        if (::epoll_ctl(epollFd, op, fd, &event) != 0) {
+            failed = std::move(it->second);
+            idle.erase(it);
+        }
     }
-    epoll_event event{EPOLLIN | EPOLLRDHUP | EPOLLONESHOT, {.u64 = id}};
-    if (::epoll_ctl(epollFd, op, fd, &event) != 0) {
-        close(claim(id));
-    }
+    close(std::move(failed));
 }
 
 // The idle connection an event names, or null when it was closed meanwhile.

@@ -19,6 +19,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
@@ -170,11 +171,11 @@ struct URLCache::Impl {
 
     // Held while a file is written or the directory emptied: a removal waits for the write in
     // progress, and no write starts until the removal is over. Taken before `mutex`.
-    std::timed_mutex diskMutex;
+    std::mutex diskMutex;
     int writesSinceCheck = 0;  // guarded by diskMutex
-    // What this process last wrote to each file (a hash of it), so that an answer stored
-    // again unchanged is not written again. Guarded by diskMutex.
-    std::unordered_map<std::string, std::size_t> written;
+    // The files this process wrote, with a hash of the content once it was written twice, so
+    // that an answer stored again unchanged is not written again. Guarded by diskMutex.
+    std::unordered_map<std::string, std::optional<std::size_t>> written;
     dispatch::SerialQueue writer{"net.urlcache"};
 
     Impl() {
@@ -286,15 +287,18 @@ struct URLCache::Impl {
         }
         const CacheEntry& e = *job.entry;
         std::string head = serialisedHead(key, *e.response, e.data->size());
-        std::string_view body(reinterpret_cast<const char*>(e.data->data()), e.data->size());
-        std::size_t hash =
-            std::hash<std::string_view>{}(head)*31 + std::hash<std::string_view>{}(body);
+        // Hashed only for a file written before: most answers are stored once.
         auto known = written.find(job.file);
-        // Still there, whole: the file may have been removed or cut short by someone else.
-        struct stat st {};
-        bool unchanged = known != written.end() && known->second == hash &&
-                         ::stat(job.file.c_str(), &st) == 0 &&
-                         static_cast<std::size_t>(st.st_size) == head.size() + body.size();
+        std::optional<std::size_t> hash;
+        bool unchanged = false;
+        if (known != written.end()) {
+            std::string_view body(reinterpret_cast<const char*>(e.data->data()), e.data->size());
+            hash = std::hash<std::string_view>{}(head)*31 + std::hash<std::string_view>{}(body);
+            // Still there, whole: the file may have been removed or cut short by someone else.
+            struct stat st {};
+            unchanged = known->second == hash && ::stat(job.file.c_str(), &st) == 0 &&
+                        static_cast<std::size_t>(st.st_size) == head.size() + body.size();
+        }
         if (!unchanged) {
             if (known != written.end()) {
                 written.erase(known);
@@ -378,9 +382,16 @@ struct URLCache::Impl {
     // Writes every pending response on the calling thread. Gives up when the disk stays
     // busy past the deadline.
     void flush(std::chrono::steady_clock::time_point deadline) {
-        std::unique_lock disk(diskMutex, deadline);
-        if (!disk.owns_lock()) {
-            return;
+        // Polled rather than a timed lock, which the thread checker cannot follow.
+        std::unique_lock disk(diskMutex, std::defer_lock);
+        if (deadline == std::chrono::steady_clock::time_point::max()) {
+            disk.lock();
+        }
+        while (!disk.owns_lock() && !disk.try_lock()) {
+            if (std::chrono::steady_clock::now() >= deadline) {
+                return;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         for (;;) {
             std::string key;
