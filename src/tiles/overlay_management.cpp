@@ -8,6 +8,7 @@
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "mapview/globals.hpp"
+#include "sorvan/platform/map/overlay_renderer.hpp"
 
 namespace sorvan {
 namespace {
@@ -19,6 +20,8 @@ constexpr std::int64_t kServerLayer = SMLayerModeServerLayer;
 constexpr std::int64_t kCustom = SMLayerModeCustom;
 constexpr std::int64_t kDataFormat = SMTileFormatData;
 constexpr dispatch::Duration kTrafficRefreshInterval{180.0};
+constexpr gfx::Color kRouteColor{0.0, 0.40, 0.95, 0.80};
+constexpr double kRouteLineWidth = 5.0;
 
 template <typename T>
 bool contains(const std::vector<T>& list, const T& value) {
@@ -68,11 +71,20 @@ void SorvanMapView::addOverlay(const std::shared_ptr<map::Overlay>& overlay) {
 
 // The tag renderer arrives with the tag feature; until then a tile overlay gets the engine's
 // plain tile renderer. Opacity takes effect only here.
+// Polylines are what hosts draw routes with (a route's steps come as polylines), so they get a
+// route style that stands out from every map picture: a firm blue, slightly see-through so
+// the road names underneath stay readable.
 std::shared_ptr<map::OverlayRenderer> SorvanMapView::rendererForOverlay(
     map::MapView& mapView, const std::shared_ptr<map::Overlay>& overlay) {
     if (auto tile = std::dynamic_pointer_cast<SMTileOverlay>(overlay)) {
         auto renderer = std::make_shared<map::TileOverlayRenderer>(tile);
         renderer->setAlpha(tile->alpha());
+        return renderer;
+    }
+    if (auto polyline = std::dynamic_pointer_cast<map::Polyline>(overlay)) {
+        auto renderer = std::make_shared<map::PolylineRenderer>(polyline);
+        renderer->setStrokeColor(kRouteColor);
+        renderer->setLineWidth(kRouteLineWidth);
         return renderer;
     }
     return map::MapViewDelegate::rendererForOverlay(mapView, overlay);

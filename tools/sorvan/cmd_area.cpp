@@ -34,8 +34,7 @@ int runArea(const std::vector<std::string>& args) {
         }
         if (!optionsEnded && arg == "--") {
             optionsEnded = true;
-        } else if (!optionsEnded && arg.size() > 1 && arg[0] == '-' &&
-                   !(arg[1] >= '0' && arg[1] <= '9') && arg[1] != '.') {
+        } else if (!optionsEnded && looksLikeOption(arg)) {
             return usageError(kName, "unknown option '" + arg + "'");
         } else {
             positional.push_back(arg);

@@ -12,9 +12,14 @@
 #include <vector>
 
 #include "SorvanMapSDK/SMLayer.hpp"
+#include "SorvanMapSDK/SMPinAnnotation.hpp"
+#include "SorvanMapSDK/SMRouteResult.hpp"
+#include "SorvanMapSDK/SMSearchOptions.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "command.hpp"
+#include "geodesy_input.hpp"
+#include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
@@ -46,7 +51,7 @@ constexpr ModeName kModes[] = {
     {"thaichote", SMLayerModeThaichote, "satellite imagery"},
     {"thaichote_partner", SMLayerModeThaichotePartner, "satellite imagery, partner server"},
     {"iconstransp", SMLayerModeIconsTransp, "icons on a transparent layer"},
-    {"traffic", SMLayerModeTraffic, "live traffic (zoom 7 to 16, refreshed every 180 s)"},
+    {"traffic", SMLayerModeTraffic, "live traffic (from zoom 7; deeper than 16 enlarged)"},
     {"offline_gray", SMLayerModeOfflineGray, "grey tiles from the documents folder"},
     {"white", SMLayerModeWhiteBackground, "opaque white under the layers above"},
     {"none", SMLayerModeNone, "nothing"},
@@ -77,6 +82,11 @@ void printHelp() {
         "  --wms-format 4|5     its projection: 4 = EPSG:4326, 5 = EPSG:3857 (default 5)\n"
         "  --template URL       add an {x}/{y}/{z} template layer above the others\n"
         "  --template-format F  0 or 1 = rows from the north, 2 = TMS rows from the south\n"
+        "  --route FROM:TO      draw the route between two positions over the map, e.g.\n"
+        "                       13.7563,100.5018:13.7246,100.5294 (asked of the routing\n"
+        "                       service; steps are drawn as a blue line)\n"
+        "  --search KEYWORD     put a pin on each hit of a search near the centre (asked of\n"
+        "                       the search service; at most 10 hits)\n"
         "  --png-level N        zlib level of the PNG, 0 to 9 (default 1: fast, about a\n"
         "                       tenth larger than 6)\n"
         "  --timeout SECONDS    how long to wait for tiles (default 60)\n"
@@ -92,11 +102,13 @@ void printHelp() {
         "  SORVAN_SERVICE_ORIGIN  scheme://host:port of the service, e.g. http://127.0.0.1:8080\n"
         "  SORVAN_KEY             the service key, when --key is not given\n"
         "  SORVAN_HOME            where the tile disk cache and preferences live\n\n"
-        "exit status: 0 written, 1 tiles failed or the file could not be written, 2 bad "
-        "arguments\n\n"
+        "exit status: 0 written; 1 tiles failed, timed out or the file could not be written,\n"
+        "or the route or search failed; 2 bad arguments\n\n"
         "example:\n"
         "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
-        "      --layers normal,icons,traffic -o bangkok.png\n");
+        "      --layers normal,icons,traffic -o bangkok.png\n"
+        "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 --layers normal \\\n"
+        "      --route 13.7563,100.5018:13.7246,100.5294 --search temple -o route.png\n");
 }
 
 std::optional<double> parseNumber(const std::string& text) {
@@ -138,6 +150,16 @@ std::vector<std::string> split(const std::string& text, char separator) {
     }
 }
 
+// A descriptor's zoom range replaces the overlay's own, so traffic asks for the range the
+// traffic service serves (7 to 16) instead of a descriptor's default 1 to 20.
+std::shared_ptr<SMLayer> withNaturalRange(std::shared_ptr<SMLayer> layer) {
+    if (layer->mode() == SMLayerModeTraffic) {
+        layer->setMinZoom(7);
+        layer->setMaxZoom(16);
+    }
+    return layer;
+}
+
 std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std::string& error) {
     if (text.rfind("server:", 0) == 0) {
         if (text.size() == 7) {
@@ -150,7 +172,7 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
     }
     for (const auto& m : kModes) {
         if (text == m.name) {
-            return SMLayer::create(m.mode);
+            return withNaturalRange(SMLayer::create(m.mode));
         }
     }
     if (auto number = parseInteger(text)) {
@@ -162,7 +184,7 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
             error = "unknown layer mode " + text + " (modes are 0 to 19, see --help)";
             return std::nullopt;
         }
-        return SMLayer::create(*number);
+        return withNaturalRange(SMLayer::create(*number));
     }
     error = "unknown layer mode '" + text + "' (see --help for the names)";
     return std::nullopt;
@@ -188,6 +210,8 @@ struct Options {
     int pngLevel = 1;
     bool partial = false;
     bool verbose = false;
+    std::optional<std::pair<map::Coordinate, map::Coordinate>> route;
+    std::string search;
     std::string output;
 };
 
@@ -312,6 +336,21 @@ int parseArguments(const std::vector<std::string>& args, Options& o, bool& helpO
                 return usageError(kName, "--timeout wants a positive number of seconds");
             }
             o.timeout = *t;
+        } else if (a == "--route") {
+            auto ends = split(v, ':');
+            std::string error;
+            auto from = ends.size() == 2 ? parseCoordinate(ends[0], error) : std::nullopt;
+            auto to = from ? parseCoordinate(ends[1], error) : std::nullopt;
+            if (!to) {
+                return usageError(kName, "--route wants FROM_LAT,FROM_LON:TO_LAT,TO_LON, got '" +
+                                             v + "'" + (error.empty() ? "" : ": " + error));
+            }
+            o.route = std::pair{*from, *to};
+        } else if (a == "--search") {
+            if (v.empty()) {
+                return usageError(kName, "--search wants a keyword");
+            }
+            o.search = v;
         } else if (a == "-o" || a == "--output") {
             o.output = v;
         } else {
@@ -412,6 +451,89 @@ bool isUniform(const gfx::Image& image) {
     return true;
 }
 
+// What a service call ended with, read and written on the main queue only.
+struct CallOutcome {
+    bool done = false;
+    std::string error;
+    std::size_t added = 0;
+};
+
+// Runs the main queue until the call's answer has been put on the map (there, since the map is
+// main-queue only and the answer arrives on the session queue), or the timeout passes.
+std::optional<std::string> awaitCall(const std::shared_ptr<CallOutcome>& outcome,
+                                     const char* service, double timeout) {
+    bool done = dispatch::RunLoop::main().runUntil([&] { return outcome->done; },
+                                                   dispatch::Duration(timeout));
+    if (!done) {
+        return std::string("no answer from the ") + service + " service after " +
+               formatSeconds(timeout) + " s";
+    }
+    if (!outcome->error.empty()) {
+        return outcome->error;
+    }
+    return std::nullopt;
+}
+
+// Each step's path goes on the map as its own polyline, above the tile layers.
+std::optional<std::string> drawRoute(const std::shared_ptr<SorvanMapView>& view,
+                                     map::Coordinate from, map::Coordinate to, double timeout,
+                                     std::size_t& steps) {
+    auto outcome = std::make_shared<CallOutcome>();
+    std::weak_ptr<SorvanMapView> weakView = view;
+    view->routeFrom(from, to, nullptr, [outcome, weakView](const auto& route, const auto& error) {
+        dispatch::RunLoop::main().async([outcome, weakView, route, error] {
+            outcome->done = true;
+            auto target = weakView.lock();
+            if (error) {
+                outcome->error = "the routing service failed: " + error->localizedDescription;
+            } else if (!route) {
+                outcome->error = "the routing service gave an answer that is no route";
+            } else if (target) {
+                for (const auto& step : route->guide()) {
+                    if (step->path() && step->path()->pointCount() > 0) {
+                        target->addOverlay(step->path());
+                        ++outcome->added;
+                    }
+                }
+                if (outcome->added == 0) {
+                    outcome->error = "the routing service gave a route without a path to draw";
+                }
+            }
+        });
+    });
+    auto problem = awaitCall(outcome, "routing", timeout);
+    steps = outcome->added;
+    return problem;
+}
+
+std::optional<std::string> drawSearchHits(const std::shared_ptr<SorvanMapView>& view,
+                                          const std::string& keyword, map::Coordinate near,
+                                          double timeout, std::size_t& hits) {
+    auto options = std::make_shared<SMSearchOptions>();
+    options->setLocation(near);
+    auto outcome = std::make_shared<CallOutcome>();
+    std::weak_ptr<SorvanMapView> weakView = view;
+    view->searchKeyword(keyword, options, [outcome, weakView](const auto& pins, const auto& error) {
+        dispatch::RunLoop::main().async([outcome, weakView, pins, error] {
+            outcome->done = true;
+            auto target = weakView.lock();
+            if (error) {
+                outcome->error = "the search service failed: " + error->localizedDescription;
+            } else if (!pins) {
+                outcome->error = "the search service gave no answer";
+            } else if (target) {
+                std::vector<std::shared_ptr<map::Annotation>> annotations(pins->begin(),
+                                                                          pins->end());
+                target->addAnnotations(annotations);
+                outcome->added = pins->size();
+            }
+        });
+    });
+    auto problem = awaitCall(outcome, "search", timeout);
+    hits = outcome->added;
+    return problem;
+}
+
 int run(const std::vector<std::string>& args) {
     Options o;
     bool helpOnly = false;
@@ -463,6 +585,28 @@ int run(const std::vector<std::string>& args) {
     }
     // Layers of the catalogue reach zoom 20 only; a custom range is the host's business.
     view->addSMLayers(layers);
+
+    if (o.route) {
+        std::size_t steps = 0;
+        if (auto problem = drawRoute(view, o.route->first, o.route->second, o.timeout, steps)) {
+            return leaveWithoutWaiting(failure(kName, *problem));
+        }
+        if (o.verbose) {
+            std::fprintf(stderr, "sorvan render: route of %zu step(s) added\n", steps);
+        }
+    }
+    if (!o.search.empty()) {
+        std::size_t hits = 0;
+        if (auto problem = drawSearchHits(view, o.search, o.center, o.timeout, hits)) {
+            return leaveWithoutWaiting(failure(kName, *problem));
+        }
+        if (hits == 0) {
+            std::fprintf(stderr, "sorvan render: warning: no search hits for '%s'\n",
+                         o.search.c_str());
+        } else if (o.verbose) {
+            std::fprintf(stderr, "sorvan render: %zu search hit(s) added\n", hits);
+        }
+    }
 
     auto drawing = std::chrono::steady_clock::now();
     std::shared_ptr<gfx::Image> image = view->render(std::chrono::duration<double>(o.timeout));

@@ -163,27 +163,18 @@ int runRoute(const std::vector<std::string>& args) {
     }
 
     auto view = serviceView(common);
-    std::mutex mutex;
-    std::shared_ptr<SMRouteResult> route;
-    std::optional<net::Error> error;
-    dispatch::Semaphore done;
-    view->routeFrom(ends[0], ends[1], options, [&](const auto& r, const auto& e) {
-        std::lock_guard lock(mutex);
-        route = r;
-        error = e;
-        done.signal();
-    });
-    if (!done.waitFor(kCallTimeout)) {
+    auto answer = awaitAnswer<std::shared_ptr<SMRouteResult>>(
+        [&](auto block) { view->routeFrom(ends[0], ends[1], options, std::move(block)); });
+    if (!answer) {
         return failure(kName, "no answer from the routing service");
     }
-    std::lock_guard lock(mutex);
-    if (error) {
-        return failure(kName, error->localizedDescription);
+    if (answer->error) {
+        return failure(kName, answer->error->localizedDescription);
     }
-    if (!route) {
+    if (!answer->value) {
         return failure(kName, "the routing service gave no usable route");
     }
-    printRoute(*route, common.json);
+    printRoute(*answer->value, common.json);
     return 0;
 }
 

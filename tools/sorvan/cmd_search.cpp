@@ -138,24 +138,15 @@ int runSearch(const std::vector<std::string>& args) {
     }
 
     auto view = serviceView(common);
-    std::mutex mutex;
-    std::optional<services::Pins> pins;
-    std::optional<net::Error> error;
-    dispatch::Semaphore done;
-    view->searchKeyword(*keyword, options, [&](const auto& p, const auto& e) {
-        std::lock_guard lock(mutex);
-        pins = p;
-        error = e;
-        done.signal();
-    });
-    if (!done.waitFor(kCallTimeout)) {
+    auto answer = awaitAnswer<std::optional<services::Pins>>(
+        [&](auto block) { view->searchKeyword(*keyword, options, std::move(block)); });
+    if (!answer) {
         return failure(kName, "no answer from the search service");
     }
-    std::lock_guard lock(mutex);
-    if (error || !pins) {
-        return failure(kName, error ? error->localizedDescription : "no result");
+    if (answer->error || !answer->value) {
+        return failure(kName, answer->error ? answer->error->localizedDescription : "no result");
     }
-    printPins(*pins, common.json);
+    printPins(*answer->value, common.json);
     return 0;
 }
 

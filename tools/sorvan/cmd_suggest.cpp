@@ -76,23 +76,15 @@ int runSuggest(const std::vector<std::string>& args) {
     }
 
     auto view = serviceView(common);
-    std::mutex mutex;
-    std::optional<services::Words> words;
-    std::optional<net::Error> error;
-    dispatch::Semaphore done;
-    view->suggestKeyword(*prefix, options, [&](const auto& w, const auto& e) {
-        std::lock_guard lock(mutex);
-        words = w;
-        error = e;
-        done.signal();
-    });
-    if (!done.waitFor(kCallTimeout)) {
+    auto answer = awaitAnswer<std::optional<services::Words>>(
+        [&](auto block) { view->suggestKeyword(*prefix, options, std::move(block)); });
+    if (!answer) {
         return failure(kName, "no answer from the search service");
     }
-    std::lock_guard lock(mutex);
-    if (error || !words) {
-        return failure(kName, error ? error->localizedDescription : "no result");
+    if (answer->error || !answer->value) {
+        return failure(kName, answer->error ? answer->error->localizedDescription : "no result");
     }
+    const auto& words = answer->value;
     if (common.json) {
         std::printf("%s\n", nlohmann::ordered_json(*words).dump(2).c_str());
     } else {

@@ -20,6 +20,10 @@ struct Command {
     static const std::vector<Command>& all();
 };
 
+/// True for an argument that is an option and not a negative number ("-13.7,100.5" is a
+/// position, "--json" an option).
+bool looksLikeOption(const std::string& arg);
+
 /// Prints "sorvan NAME: message" to stderr and returns 2 (usage) or 1 (failure).
 int usageError(const std::string& command, const std::string& message);
 int failure(const std::string& command, const std::string& message);

@@ -46,6 +46,10 @@ const std::vector<Command>& Command::all() {
     return registry();
 }
 
+bool looksLikeOption(const std::string& arg) {
+    return arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9') && arg[1] != '.';
+}
+
 int usageError(const std::string& command, const std::string& message) {
     std::fprintf(stderr, "sorvan %s: %s\n(see `sorvan %s --help`)\n", command.c_str(),
                  message.c_str(), command.c_str());

@@ -30,10 +30,6 @@ std::optional<std::int64_t> parseInteger(const std::string& text) {
     return value;
 }
 
-bool looksLikeOption(const std::string& arg) {
-    return arg.size() > 1 && arg[0] == '-' && !(arg[1] >= '0' && arg[1] <= '9') && arg[1] != '.';
-}
-
 namespace {
 
 bool isOption(const std::string& arg, const std::string& name) {

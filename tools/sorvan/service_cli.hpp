@@ -6,12 +6,14 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "services/service_client.hpp"
+#include "sorvan/platform/foundation/dispatch.hpp"
 
 namespace sorvan::cli {
 
@@ -31,8 +33,6 @@ int takeServiceOption(const std::string& command, const std::vector<std::string>
 std::optional<std::string> optionValue(const std::vector<std::string>& args, std::size_t& i,
                                        const std::string& name);
 std::optional<std::int64_t> parseInteger(const std::string& text);
-/// True for an argument that is an option and not a negative number.
-bool looksLikeOption(const std::string& arg);
 
 /// A map view set up as the options say (key, language), centred on kToolMapCenter. The
 /// tool only calls its completion-style services, whose blocks run on the session queue, so
@@ -44,6 +44,39 @@ inline constexpr map::Coordinate kToolMapCenter{13.7563, 100.5018};
 
 /// Long enough for the session's request timeout twice over (a route is two requests).
 inline constexpr std::chrono::seconds kCallTimeout{150};
+
+/// What a completion-style call delivered to its result block.
+template <typename Value>
+struct Answer {
+    Value value{};
+    std::optional<net::Error> error;
+};
+
+/// Starts a completion-style call, start(block), and waits for the block, which runs on the
+/// session queue. nullopt when no answer came within kCallTimeout. The block owns its state, so
+/// an answer arriving after the wait gave up touches nothing of the caller's.
+template <typename Value, typename Start>
+std::optional<Answer<Value>> awaitAnswer(Start&& start) {
+    struct State {
+        std::mutex mutex;
+        Answer<Value> answer;
+        dispatch::Semaphore done;
+    };
+    auto state = std::make_shared<State>();
+    start([state](const auto& value, const std::optional<net::Error>& error) {
+        {
+            std::lock_guard lock(state->mutex);
+            state->answer.value = value;
+            state->answer.error = error;
+        }
+        state->done.signal();
+    });
+    if (!state->done.waitFor(kCallTimeout)) {
+        return std::nullopt;
+    }
+    std::lock_guard lock(state->mutex);
+    return state->answer;
+}
 
 /// Columns padded by display width (Thai vowel and tone marks take no column).
 class Table {

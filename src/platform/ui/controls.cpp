@@ -3,6 +3,7 @@
 #include <pango/pangocairo.h>
 
 #include <algorithm>
+#include <cmath>
 
 #include "ui/cairo_util.hpp"
 
@@ -94,7 +95,15 @@ ImageView::ImageView(std::shared_ptr<gfx::Image> image) : image_(std::move(image
 
 void ImageView::setImage(std::shared_ptr<gfx::Image> image) {
     image_ = std::move(image);
+    invalidateIntrinsicContentSize();
     setNeedsDisplay();
+}
+
+std::optional<gfx::Size> ImageView::intrinsicContentSize() const {
+    if (!image_) {
+        return std::nullopt;
+    }
+    return image_->size();
 }
 
 void ImageView::draw(cairo_t* context, gfx::Rect bounds) {
@@ -180,7 +189,18 @@ Button::Button(gfx::Rect frame) : View(frame) {}
 
 void Button::setAttributedTitle(AttributedString title, ControlState state) {
     titles_[static_cast<unsigned>(state)] = std::move(title);
+    invalidateIntrinsicContentSize();
     setNeedsDisplay();
+}
+
+// Rounded up: laid out in exactly its measured width, a title could wrap its last word.
+std::optional<gfx::Size> Button::intrinsicContentSize() const {
+    const AttributedString* title = attributedTitle(ControlState::Normal);
+    if (!title || title->runs().empty()) {
+        return std::nullopt;
+    }
+    gfx::Size size = measureText(*title, 0);
+    return gfx::Size{std::ceil(size.width), std::ceil(size.height)};
 }
 
 const AttributedString* Button::attributedTitle(ControlState state) const {

@@ -193,6 +193,20 @@ gfx::Rect resolve(const Known& k, gfx::Rect current) {
     return {origin[0], origin[1], size[0], size[1]};
 }
 
+// Where the constraints leave a size free, or bound it only by inequalities, a view that opted
+// out of autoresizing translation starts from its content's size; the inequalities then move
+// it only when that size breaks them.
+gfx::Rect startingFrame(const View& item) {
+    gfx::Rect frame = item.frame();
+    if (item.translatesAutoresizingMaskIntoConstraints()) {
+        return frame;
+    }
+    if (auto intrinsic = item.intrinsicContentSize()) {
+        frame.size = *intrinsic;
+    }
+    return frame;
+}
+
 }  // namespace
 
 void solveConstraints(View& container) {
@@ -240,7 +254,8 @@ void solveConstraints(View& container) {
             *slot(known[item], c->firstAttribute()) = target;
         }
         for (auto& [item, k] : known) {
-            gfx::Rect f = resolve(k, item->frame());
+            gfx::Rect start = startingFrame(*item);
+            gfx::Rect f = resolve(k, start);
             for (const LayoutConstraint* c : inequalities[item]) {
                 double target = c->secondItem() ? c->multiplier() * reference(*c) + c->constant()
                                                 : c->constant();
@@ -250,7 +265,7 @@ void solveConstraints(View& container) {
                                     : value > target;
                 if (violated) {
                     *slot(k, c->firstAttribute()) = target;
-                    f = resolve(k, item->frame());
+                    f = resolve(k, start);
                 }
             }
             if (!(f == item->frame()))

@@ -168,6 +168,19 @@ void View::setNeedsLayout() {
     setNeedsDisplay();
 }
 
+std::optional<gfx::Size> View::intrinsicContentSize() const {
+    return std::nullopt;
+}
+
+// The superview's constraints size this view, so it is the one to lay out again.
+void View::invalidateIntrinsicContentSize() {
+    if (auto parent = superview()) {
+        parent->setNeedsLayout();
+    } else {
+        setNeedsLayout();
+    }
+}
+
 void View::layoutIfNeeded() {
     if (needsLayout_) {
         needsLayout_ = false;

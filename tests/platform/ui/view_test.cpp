@@ -59,6 +59,66 @@ TEST(LayoutConstraint, PlacesALabelAtTheBottomLeftWithMinimumWidth) {
     EXPECT_EQ(label->frame().origin.x, 30);
 }
 
+TEST(LayoutConstraint, ContentSizeWinsWhereTheInequalitiesAllowIt) {
+    TextAttributes bold;
+    bold.weight = FontWeight::Bold;
+    bold.size = 9;
+    AttributedString longTitle("Sorvan Map \u00a9 TV, Kerova, OSM and friends", bold);
+    gfx::Size oneLine = measureText(longTitle, 0);
+    ASSERT_GT(oneLine.width, 100);
+
+    auto root = std::make_shared<View>(gfx::Rect{0, 0, 320, 480});
+    auto label = std::make_shared<Button>(gfx::Rect{0, 0, 100, 16});
+    label->setAttributedTitle(longTitle);
+    root->addSubview(label);
+    label->setTranslatesAutoresizingMaskIntoConstraints(false);
+    auto width = make(label, A::Width, R::GreaterThanOrEqual, nullptr, A::NotAnAttribute, 100);
+    LayoutConstraint::activate({
+        make(label, A::Height, R::Equal, nullptr, A::NotAnAttribute, 16),
+        width,
+        make(label, A::Left, R::Equal, root, A::Left, 10),
+        make(label, A::Bottom, R::Equal, root, A::Bottom, -20),
+    });
+    root->layoutIfNeeded();
+    // Wide enough for one line (and no wider than a pixel's rounding); the height stays fixed.
+    EXPECT_GE(label->frame().size.width, oneLine.width);
+    EXPECT_LT(label->frame().size.width, oneLine.width + 1);
+    EXPECT_EQ(label->frame().size.height, 16);
+    EXPECT_EQ(label->frame().origin.x, 10);
+    EXPECT_DOUBLE_EQ(measureText(longTitle, label->frame().size.width).height, oneLine.height);
+
+    // A short title is held at the minimum; a new title lays the parent out again.
+    label->setAttributedTitle(AttributedString("OK", bold));
+    root->layoutIfNeeded();
+    EXPECT_EQ(label->frame().size.width, 100);
+
+    // At most: the content size is cut back to the bound.
+    label->setAttributedTitle(longTitle);
+    width->setActive(false);
+    LayoutConstraint::activate(
+        {make(label, A::Width, R::LessThanOrEqual, nullptr, A::NotAnAttribute, 60)});
+    root->layoutIfNeeded();
+    EXPECT_EQ(label->frame().size.width, 60);
+
+    // Placed but not sized: an image view takes its image's size in points; one that keeps
+    // translating its autoresizing mask keeps the frame it was given.
+    auto image = gfx::Image::fromPixels(48, 32, std::vector<std::uint32_t>(48 * 32), 2.0);
+    auto icon = std::make_shared<ImageView>(image);
+    auto framed = std::make_shared<ImageView>(image);
+    framed->setFrame({0, 0, 50, 50});
+    root->addSubview(icon);
+    root->addSubview(framed);
+    icon->setTranslatesAutoresizingMaskIntoConstraints(false);
+    LayoutConstraint::activate({
+        make(icon, A::CenterX, R::Equal, root, A::CenterX, 0),
+        make(icon, A::Top, R::Equal, root, A::Top, 8),
+        make(framed, A::Top, R::Equal, root, A::Top, 100),
+    });
+    root->layoutIfNeeded();
+    EXPECT_EQ(icon->frame(), (gfx::Rect{148, 8, 24, 16}));
+    EXPECT_EQ(framed->frame(), (gfx::Rect{0, 100, 50, 50}));
+}
+
 TEST(LayoutConstraint, CentresTrailingEdgesAndSiblingsResolve) {
     auto root = std::make_shared<View>(gfx::Rect{0, 0, 200, 100});
     auto a = std::make_shared<View>(gfx::Rect{0, 0, 20, 10});

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -20,7 +21,9 @@ std::string tool() {
 
 // Runs `sorvan ARGS` with INPUT (a printf format: backslash-n for a newline) on standard input.
 Result run(const std::string& args, const std::string& input = "") {
-    const std::string errFile = std::string(::testing::TempDir()) + "sorvan_geodesy_err.txt";
+    // One file per process: ctest runs the tests of this suite in parallel processes.
+    const std::string errFile = std::string(::testing::TempDir()) + "sorvan_geodesy_err." +
+                                std::to_string(::getpid()) + ".txt";
     const std::string command = "printf '" + input + "' | " + tool() + " " + args + " 2>" + errFile;
     Result result;
     FILE* pipe = popen(command.c_str(), "r");

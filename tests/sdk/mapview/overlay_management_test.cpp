@@ -36,6 +36,24 @@ TEST_F(MapViewTest, TileRendererCarriesTheLayerAlpha) {
     EXPECT_DOUBLE_EQ(renderer->alpha(), 0.3);
 }
 
+TEST_F(MapViewTest, PolylinesGetTheRouteStyleAndOtherShapesNoRenderer) {
+    auto line = somePolyline();
+    map::Coordinate ring[] = {{13.7, 100.5}, {13.8, 100.6}, {13.7, 100.6}};
+    auto polygon = map::Polygon::withCoordinates(ring, 3);
+    view_->addSMLayer(layer(SMLayerModeNormal, 0.3));
+    view_->addOverlay(line);
+    view_->addOverlay(polygon);
+
+    auto renderer =
+        std::dynamic_pointer_cast<map::PolylineRenderer>(view_->rendererForOverlay(line));
+    ASSERT_NE(renderer, nullptr);
+    gfx::Color stroke = renderer->strokeColor();  // blue, a little see-through
+    EXPECT_TRUE(stroke.b > 0.8 && stroke.r < 0.2 && stroke.a > 0.5 && stroke.a < 1.0);
+    EXPECT_NEAR(renderer->lineWidth(), 5.0, 1.0);
+    EXPECT_DOUBLE_EQ(renderer->alpha(), 1.0);  // the tile layer's alpha is its own
+    EXPECT_EQ(view_->rendererForOverlay(polygon), nullptr);
+}
+
 TEST_F(MapViewTest, AddSMLayerTakesTemplateRangeAndCache) {
     globals::setCache(1);
     auto custom = layer(SMLayerModeCustom, 0.8, 4, 12);

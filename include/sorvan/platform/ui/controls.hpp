@@ -17,6 +17,8 @@ class ImageView : public View {
     explicit ImageView(std::shared_ptr<gfx::Image> image = nullptr);
     std::shared_ptr<gfx::Image> image() const { return image_; }
     void setImage(std::shared_ptr<gfx::Image> image);
+    /// The image's size in points; none without an image.
+    std::optional<gfx::Size> intrinsicContentSize() const override;
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
   private:
@@ -69,6 +71,8 @@ class Button : public View {
     void removeTarget(int token);
     /// Sends an event as a tap would.
     void sendActions(ControlEvent event);
+    /// The normal title on one line, in whole points; none without a title.
+    std::optional<gfx::Size> intrinsicContentSize() const override;
     void draw(cairo_t* context, gfx::Rect bounds) override;
 
   private:

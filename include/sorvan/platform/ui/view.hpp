@@ -4,6 +4,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "sorvan/platform/graphics/geometry.hpp"
@@ -77,6 +78,13 @@ class View : public std::enable_shared_from_this<View> {
     void addSubview(std::shared_ptr<View> view);
     void removeFromSuperview();
 
+    /// The size the view's content wants (a button's title on one line, an image view's
+    /// image); none for views that have no content size of their own. Layout gives it to a
+    /// view that opted out of autoresizing translation wherever its constraints leave the
+    /// width or height free or satisfied by it. Subclasses that override call
+    /// invalidateIntrinsicContentSize() when it changes.
+    virtual std::optional<gfx::Size> intrinsicContentSize() const;
+    void invalidateIntrinsicContentSize();
     bool translatesAutoresizingMaskIntoConstraints() const { return translatesMask_; }
     void setTranslatesAutoresizingMaskIntoConstraints(bool v) { translatesMask_ = v; }
 
