@@ -8,8 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <memory>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "http_message.hpp"
 #include "support/service_harness.hpp"
@@ -329,6 +331,34 @@ TEST_F(EmbeddedServiceTest, RecordsEveryRequestFromManyClientsAtOnce) {
         distinct.insert(r.query);
     }
     EXPECT_EQ(distinct.size(), seen.size());
+}
+
+TEST_F(EmbeddedServiceTest, ServesMoreKeptAliveConnectionsThanItHasWorkers) {
+    // Each connection goes back to waiting after every answer, and is served again whichever
+    // worker takes it; a connection lost on the way would leave its next request unanswered.
+    constexpr int kConnections = 24;
+    auto before = service().acceptedConnections();
+    std::vector<std::unique_ptr<Wire>> wires;
+    for (int c = 0; c < kConnections; ++c) {
+        wires.push_back(std::make_unique<Wire>(service().port()));
+    }
+    for (int round = 0; round < 4; ++round) {
+        for (auto& wire : wires) {
+            wire->get("/a");
+        }
+        for (auto& wire : wires) {
+            ASSERT_EQ(wire->read().body, "a") << "round " << round;
+        }
+    }
+    // Two at once on every connection, read back in order.
+    for (auto& wire : wires) {
+        wire->send("GET /a HTTP/1.1\r\nHost: t\r\n\r\nGET /body HTTP/1.1\r\nHost: t\r\n\r\n");
+    }
+    for (auto& wire : wires) {
+        EXPECT_EQ(wire->read().body, "a");
+        EXPECT_EQ(wire->read().body, "0123456789");
+    }
+    EXPECT_EQ(service().acceptedConnections() - before, static_cast<std::size_t>(kConnections));
 }
 
 TEST(EmbeddedService, DelayHoldsOnlyItsRequestAndStopInterruptsIt) {

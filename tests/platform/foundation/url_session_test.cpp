@@ -106,6 +106,23 @@ TEST_F(URLSessionTest, ARequestsOwnUserAgentReplacesTheKits) {
     ASSERT_EQ(seen.size(), 1u);
     EXPECT_EQ(seen[0].headers.at("user-agent"), "TileFetcher/1.0");
     EXPECT_EQ(seen[0].headers.at("x-empty"), "");
+
+    // Transfers reuse curl handles: nothing of this request, nor of one that failed, carries
+    // over to the next.
+    service().injectFault("/echo", Fault{.count = 1, .truncateBody = true});
+    EXPECT_TRUE(fetch(URLSession::shared(), request).error);
+    URLRequest plain(url("/echo?plain"));
+    plain.setTimeoutInterval(std::chrono::duration<double>(30));
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(fetch(URLSession::shared(), plain).status(), 200);
+    }
+    seen = service().requests("/echo");
+    ASSERT_EQ(seen.size(), 5u);
+    for (std::size_t i = 2; i < seen.size(); ++i) {
+        EXPECT_EQ(seen[i].query, "plain");
+        EXPECT_EQ(seen[i].headers.at("user-agent"), "SorvanMapSDK/3.13");
+        EXPECT_EQ(seen[i].headers.count("x-empty"), 0u);
+    }
 }
 
 TEST_F(URLSessionTest, HttpStatusCodesAreNotErrors) {
