@@ -219,6 +219,10 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate, public S
     /// A new tile overlay with the process-wide key and this view's box domain and language.
     std::shared_ptr<SMTileOverlay> newOverlay(std::vector<std::int64_t> modes);
     void placeCrosshair();
+    /// The view of the user-location annotation, or nullptr when the engine is to draw its own
+    /// default dot.
+    std::shared_ptr<map::AnnotationView> userLocationAnnotationView(
+        const std::shared_ptr<map::Annotation>& annotation);
 
     mutable std::mutex delegateMutex_;
     std::weak_ptr<SMSearchDelegate> searchDelegate_;  // guarded by delegateMutex_
