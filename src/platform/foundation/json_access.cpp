@@ -55,6 +55,14 @@ std::string kindName(const Value& v) {
     throw StructureError("expected " + std::string(expected) + ", found " + kindName(found));
 }
 
+// A null the answer holds is an object that has no number to give; only an absent member
+// reads as 0.
+void requireNumberSource(const Value& v) {
+    if (v.is_null() && !isMissing(v)) {
+        wrongKind("a number", v);
+    }
+}
+
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
@@ -226,7 +234,7 @@ const Value::array_t& arrayItems(const Value& arr) {
 }
 
 std::optional<std::string> stringValue(const Value& v) {
-    if (v.is_null()) {
+    if (isMissing(v)) {
         return std::nullopt;
     }
     if (!v.is_string()) {
@@ -236,6 +244,7 @@ std::optional<std::string> stringValue(const Value& v) {
 }
 
 std::int64_t integerValue(const Value& v) {
+    requireNumberSource(v);
     switch (v.type()) {
         case Value::value_t::number_integer:
             return v.get<std::int64_t>();
@@ -256,6 +265,7 @@ std::int64_t integerValue(const Value& v) {
 }
 
 double doubleValue(const Value& v) {
+    requireNumberSource(v);
     switch (v.type()) {
         case Value::value_t::number_integer:
         case Value::value_t::number_unsigned:

@@ -48,14 +48,16 @@ const Value& element(const Value& arr, std::size_t index);
 /// The elements of an array; missing() gives none; throws StructureError for other kinds,
 /// a JSON null included.
 const Value::array_t& arrayItems(const Value& arr);
-/// A string; null gives nullopt; throws StructureError for other kinds.
+/// A string; missing() gives nullopt; throws StructureError for other kinds, a JSON null
+/// included.
 std::optional<std::string> stringValue(const Value& v);
 
 /// Numbers truncate toward zero; strings: leading white space, optional sign (white space may
-/// follow), leading digits, saturating; booleans 0/1; anything else 0.
+/// follow), leading digits, saturating; booleans 0/1; missing() 0; throws StructureError for
+/// a JSON null; anything else 0.
 std::int64_t integerValue(const Value& v);
 /// Numbers as they are; strings: the longest leading decimal prefix of "+-.0-9Ee" in the C
-/// locale; booleans 0/1; anything else 0.
+/// locale; booleans 0/1; missing() 0; throws StructureError for a JSON null; anything else 0.
 double doubleValue(const Value& v);
 /// The textual form of a string or number ("12" equals 12); other kinds never equal.
 /// Doubles print in their shortest round-trip form, integral ones without ".0" (12.0 equals
