@@ -15,6 +15,7 @@
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/ui/layout_constraint.hpp"
+#include "tiles/tile_cache.hpp"
 
 namespace sorvan {
 
@@ -179,9 +180,8 @@ bool SorvanMapView::clearCaches(long directory) {
             return false;
         }
     }
-    Defaults& defaults = Defaults::standard();
-    defaults.removeObjectForKey("tileList");
-    defaults.synchronize();
+    // The names stay listed in memory for the next download to store again.
+    tiles::TileCache::shared().removeStoredList();
     return true;
 }
 

@@ -417,9 +417,9 @@ TEST_F(TileOverlayTest, TheListEvictsItsOldestNameAtTenThousandAndOne) {
     EXPECT_TRUE(fs::exists(second));
     EXPECT_EQ(defaults_->stringArrayForKey("tileList"), list);
 
-    // The defaults were cleared behind the list's back: the whole list goes back at once.
-    defaults_->removeObjectForKey("tileList");
-    tiles::TileCache::shared().defaultsRemoved();
+    // The stored list is removed: the whole list goes back at once.
+    tiles::TileCache::shared().removeStoredList();
+    EXPECT_FALSE(defaults_->stringArrayForKey("tileList"));
     net::URLCache::shared().removeAllCachedResponses();
     loadImage(*o, {1, 0, 1});
     EXPECT_EQ(defaults_->stringArrayForKey("tileList"), tiles::TileCache::shared().tileList());
