@@ -11,6 +11,10 @@ namespace {
 struct State {
     std::string apikey;
     std::optional<net::URL> boxDomain;
+    // A view made in code starts as one loaded from a layout description does, with the disk
+    // cache off: an application then caches the same way however it builds its view, 2 is the
+    // only mode the kit ever chooses by itself, and writing up to ten thousand tiles to the
+    // user's disk stays a decision the host makes with setCache.
     std::int64_t cache = 2;
     std::int32_t currentZoom = 0;
     double currentHeading = 0;
