@@ -149,8 +149,8 @@ void SorvanMapView::setLanguage(std::int64_t language) {
 
 void SorvanMapView::setCache(std::int64_t mode) {
     globals::setCache(mode);
-    // Only tile overlays have a cache mode. The original sent the setting to every overlay
-    // unchecked and would have failed on any other kind; other overlays are skipped here.
+    // Only tile overlays have a cache mode: any other overlay a host put on the map is skipped
+    // rather than failing on a setting it cannot take.
     for (const auto& overlay : overlays()) {
         if (auto tile = std::dynamic_pointer_cast<SMTileOverlay>(overlay)) {
             tile->setCache(mode);

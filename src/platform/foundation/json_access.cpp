@@ -95,7 +95,8 @@ std::int64_t integerFromText(std::string_view s) {
     if (i < s.size() && (s[i] == '+' || s[i] == '-')) {
         negative = s[i] == '-';
         ++i;
-        // The original scanner let white space sit between the sign and the digits.
+        // Answers have always been read with white space allowed between the sign and the
+        // digits.
         while (i < s.size() && isSpace(s[i])) {
             ++i;
         }
@@ -131,8 +132,8 @@ double doubleFromText(std::string_view s) {
     while (i < s.size() && isSpace(s[i])) {
         ++i;
     }
-    // Limiting the text to these characters keeps out what strtod would otherwise accept
-    // but the original did not: "inf", "nan", hexadecimal.
+    // Limiting the text to these characters keeps out what strtod would otherwise accept but
+    // answers were never read as: "inf", "nan", hexadecimal.
     std::size_t end = i;
     while (end < s.size() && (isDigit(s[end]) || s[end] == '+' || s[end] == '-' || s[end] == '.' ||
                               s[end] == 'e' || s[end] == 'E')) {

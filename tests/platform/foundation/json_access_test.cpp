@@ -32,7 +32,7 @@ std::string reasonOf(F f) {
     return "no throw";
 }
 
-TEST(JsonAccess, ParseRejectsWhatTheOriginalDecoderRejected) {
+TEST(JsonAccess, ParseTakesOnlyAnObjectOrAnArrayAtTheTop) {
     for (std::string_view bad : {"", "   ", "{", "{\"a\":}", "[1,]", "nul", "{'a':1}", "[1] x",
                                  "\"text\"", "12", "null", "true", "[\"\xff\"]"}) {
         const auto parsed = parse(bad);

@@ -1,6 +1,6 @@
 // printf formatting into std::string. The system's observable texts are printf formats
-// ("%f" = six decimals, "%.0f" = every integer digit, "%02X", "%015.0f"); "%@" of the
-// original becomes "%s". Thread-safe.
+// ("%f" = six decimals, "%.0f" = every integer digit, "%02X", "%015.0f"); a text argument is
+// always "%s". Thread-safe.
 #pragma once
 
 #include <cstdarg>

@@ -12,7 +12,7 @@ std::string caches();
 std::string documents();
 /// Where the defaults store lives (XDG_CONFIG_HOME/sorvan; $SORVAN_HOME/preferences).
 std::string preferences();
-/// Search-path directory numbers of the original platform: 13 = caches, 9 = documents.
+/// Search-path directory numbers as hosts pass them: 13 = caches, 9 = documents.
 /// Other values give "".
 std::string forSearchPathDirectory(long directory);
 

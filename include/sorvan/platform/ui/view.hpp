@@ -17,7 +17,7 @@ class LayoutConstraint;
 
 enum class ContentMode { ScaleToFill = 0, ScaleAspectFit = 1, ScaleAspectFill = 2, Center = 4 };
 
-/// Autoresizing mask bits of the original platform (18 = flexible width | flexible height).
+/// Autoresizing mask bits, with the values hosts pass (18 = flexible width | flexible height).
 enum AutoresizingMask : unsigned {
     kFlexibleWidth = 1u << 1,
     kFlexibleHeight = 1u << 4,
