@@ -20,9 +20,11 @@
 #include <functional>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
-struct ServiceConfig {
+struct SORVAN_EXPORT ServiceConfig {
     /// Map-server tiles (path ends in "map/msn-server/img.php").
     std::string mapServer = "https://ms.sorvanmap.co.th/map/msn-server/img.php";
     /// The partner map server, plain http (layer mode 14).

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
@@ -37,7 +38,7 @@ class SMRouteOptions;
 class SMRouteResult;
 
 /// Receives the raw answers of data-template tile layers (format 3).
-class SMTileDataDelegate {
+class SORVAN_EXPORT SMTileDataDelegate {
   public:
     virtual ~SMTileDataDelegate() = default;
     virtual void dataFromTile(const net::Data& data) = 0;
@@ -58,7 +59,9 @@ using SMPathResult =
 
 /// Also the data delegate of its own format-3 tile overlays: it forwards their answers to the
 /// host's dataDelegate.
-class SorvanMapView : public map::MapView, public map::MapViewDelegate, public SMTileDataDelegate {
+class SORVAN_EXPORT SorvanMapView : public map::MapView,
+                                    public map::MapViewDelegate,
+                                    public SMTileDataDelegate {
   public:
     /// A new view that is its own map delegate. Runs the class start-up on first use.
     static std::shared_ptr<SorvanMapView> create(gfx::Rect frame = {0, 0, 320, 480});

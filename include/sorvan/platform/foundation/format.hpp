@@ -6,9 +6,11 @@
 #include <cstdarg>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
-std::string strformat(const char* format, ...) __attribute__((format(printf, 1, 2)));
-std::string vstrformat(const char* format, va_list args);
+SORVAN_EXPORT std::string strformat(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT std::string vstrformat(const char* format, va_list args);
 
 }  // namespace sorvan

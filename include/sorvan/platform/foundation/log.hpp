@@ -8,19 +8,21 @@
 #include <string_view>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::log {
 
 using Sink = std::function<void(std::string_view line)>;
 
 /// Writes one line (no trailing newline needed).
-void write(std::string_view line);
+SORVAN_EXPORT void write(std::string_view line);
 /// printf-style: log::writef("TILE ERROR: %s", description.c_str()).
-void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
 /// Replaces the sink; nullptr restores stderr. Returns the previous sink.
-Sink setSink(Sink sink);
+SORVAN_EXPORT Sink setSink(Sink sink);
 
 /// Captures every line written while it lives (and still forwards nothing to stderr).
-class Capture {
+class SORVAN_EXPORT Capture {
   public:
     Capture();
     ~Capture();

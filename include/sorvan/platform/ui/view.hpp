@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 
 typedef struct _cairo cairo_t;
@@ -23,7 +24,7 @@ enum AutoresizingMask : unsigned {
     kFlexibleHeight = 1u << 4,
 };
 
-class View : public std::enable_shared_from_this<View> {
+class SORVAN_EXPORT View : public std::enable_shared_from_this<View> {
   public:
     explicit View(gfx::Rect frame = {});
     virtual ~View();
