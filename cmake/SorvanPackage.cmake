@@ -64,9 +64,9 @@ foreach(archive sorvan_platform SorvanMapSDK)
             continue()
         endif()
         if(NOT TARGET ${lib})
-            # A plain library name or a linker flag.
+            # A plain library name, a library file or a linker flag.
             list(APPEND SORVAN_PACKAGE_LINK ${lib})
-            if(lib MATCHES "^-")
+            if(lib MATCHES "^-" OR IS_ABSOLUTE "${lib}")
                 list(APPEND SORVAN_PC_LIBS ${lib})
             else()
                 list(APPEND SORVAN_PC_LIBS -l${lib})
