@@ -143,10 +143,12 @@ std::string describe(const CLI::ParseError& e) {
     for (const char* prefix : {"The following argument was not expected: ",
                                "The following arguments were not expected: "}) {
         if (what.starts_with(prefix)) {
+            // CLI11 lists them last first; the first one is the one to name.
             std::string rest = what.substr(std::string(prefix).size());
-            bool option = rest.starts_with("-") && rest.size() > 1 &&
-                          !(rest[1] >= '0' && rest[1] <= '9') && rest[1] != '.';
-            return (option ? "unknown option '" : "unexpected argument '") + rest + "'";
+            std::string first = rest.substr(rest.rfind(' ') + 1);
+            bool option = first.size() > 1 && first[0] == '-' &&
+                          !(first[1] >= '0' && first[1] <= '9') && first[1] != '.';
+            return (option ? "unknown option '" : "unexpected argument '") + first + "'";
         }
     }
     // "--near: 1 required LAT,LON missing"
@@ -219,8 +221,8 @@ int runTool(int argc, char** argv) {
         auto chosen = app.get_subcommands();
         if (chosen.empty()) {
             std::string what = describe(e);
-            if (what.starts_with("unexpected argument '")) {
-                what = "unknown command '" + what.substr(21);
+            if (argv[1][0] != '-') {
+                what = std::string("unknown command '") + argv[1] + "'";
             }
             std::fprintf(stderr, "sorvan: %s (see `sorvan --help`)\n", what.c_str());
             return kUsage;
@@ -281,8 +283,8 @@ std::string versionText() {
 
 int main(int argc, char** argv) {
     // `sorvan help` as well as `sorvan --help`.
+    static char help[] = "--help";
     if (argc == 2 && std::string(argv[1]) == "help") {
-        char help[] = "--help";
         argv[1] = help;
     }
     return sorvan::cli::runTool(argc, argv);
