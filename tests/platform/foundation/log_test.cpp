@@ -2,8 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -141,6 +143,30 @@ TEST_F(LogLevels, CapturesSeeEveryLevelAndTakeLinesFromTheSink) {
     setLevel(Level::error);
     error("after the captures");
     EXPECT_EQ(seen(), (Lines{{Level::error, "after the captures"}}));
+}
+
+TEST_F(LogLevels, WritersOnSeveralThreadsLoseNoLineWhileTheLevelChanges) {
+    Capture capture;
+    std::atomic<bool> done{false};
+    std::thread changer([&] {
+        for (int i = 0; !done; ++i) {
+            setLevel(i % 2 == 0 ? Level::off : Level::debug);
+        }
+    });
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 4; ++t) {
+        writers.emplace_back([t] {
+            for (int i = 0; i < 200; ++i) {
+                debug("thread %d line %d", t, i);
+            }
+        });
+    }
+    for (auto& w : writers) {
+        w.join();
+    }
+    done = true;
+    changer.join();
+    EXPECT_EQ(capture.lines().size(), 800u);
 }
 
 }  // namespace
