@@ -316,8 +316,9 @@ std::string layerModesHelp() {
         "examples:\n"
         "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
         "      --layers normal,icons,traffic -o bangkok.png\n"
-        "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 --layers normal \\\n"
-        "      --route 13.7563,100.5018:13.7246,100.5294 --search temple -o - > route.png";
+        "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 \\\n"
+        "      --layers normal --route 13.7563,100.5018:13.7246,100.5294 \\\n"
+        "      --search temple -o - > route.png";
     return out;
 }
 

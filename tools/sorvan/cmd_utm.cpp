@@ -219,9 +219,9 @@ struct UtmOptions {
 Runner setupUtm(CLI::App& app) {
     app.description(
         "Converts each INPUT, in either direction:\n"
-        "  LAT,LON                       prints  ZONE+BAND, EASTING, NORTHING  (47P, 662367, "
-        "1521281)\n"
-        "  ZONE+BAND, EASTING, NORTHING  prints  LAT,LON with six decimals\n"
+        "  LAT,LON                       gives  ZONE+BAND, EASTING, NORTHING\n"
+        "                                       (47P, 662367, 1521281)\n"
+        "  ZONE+BAND, EASTING, NORTHING  gives  LAT,LON with six decimals\n"
         "With no INPUT, converts standard input line by line (each line in its own direction)\n"
         "and stops at the first malformed line. Blank lines stay blank.\n\n"
         "Bands A and C to M are read as southern, every other letter as northern: a text\n"

@@ -11,7 +11,8 @@
 //        struct TagsOptions { std::string keyword; std::int64_t limit = 10; bool json = false; };
 //
 //        Runner setupTags(CLI::App& app) {
-//            app.description("Lists the tags near a position ...");  // the help's prose
+//            // The help's prose, reflowed to 80 columns (lines starting with a space stay).
+//            app.description("Lists the tags near a position ...");
 //            auto o = std::make_shared<TagsOptions>();
 //            app.add_option("KEYWORD", o->keyword, "what to look for")->required();
 //            addInteger(app, "--limit", o->limit, "at most N tags", 1, 100);  // options.hpp

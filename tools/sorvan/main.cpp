@@ -78,6 +78,35 @@ std::string exitStatusHelp(const std::string& failures) {
     return out;
 }
 
+// Reflows prose to width: the lines of a paragraph are joined and wrapped again; blank lines
+// and lines that start with a space (a table, an example) stay as they are.
+std::string reflow(const std::string& text, std::size_t width) {
+    std::string out, paragraph;
+    auto flushParagraph = [&] {
+        if (!paragraph.empty()) {
+            out += wrap(paragraph, width) + "\n";
+            paragraph.clear();
+        }
+    };
+    std::size_t start = 0;
+    while (start < text.size()) {
+        std::size_t end = text.find('\n', start);
+        std::string line = text.substr(start, end == std::string::npos ? end : end - start);
+        if (line.empty() || line[0] == ' ') {
+            flushParagraph();
+            out += line + "\n";
+        } else {
+            paragraph += (paragraph.empty() ? "" : " ") + line;
+        }
+        if (end == std::string::npos) {
+            break;
+        }
+        start = end + 1;
+    }
+    flushParagraph();
+    return out;
+}
+
 // CLI11's layout with the usage line first, the tool's lower-case headings, descriptions
 // wrapped for an 80-column terminal, and each command's one-line summary in the command list
 // (its description is the longer text of its own help).
@@ -104,9 +133,9 @@ class HelpFormatter : public CLI::Formatter {
             return make_expanded(app);
         }
         std::string out = make_usage(app, name);
-        std::string description = make_description(app);
+        std::string description = app->get_description();
         if (!description.empty()) {
-            out += "\n" + description;
+            out += "\n" + reflow(description, kWidth);
         }
         out += make_positionals(app);
         out += make_groups(app, mode);
