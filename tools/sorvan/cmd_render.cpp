@@ -27,6 +27,7 @@
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
+#include "sorvan/platform/foundation/url_session.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan::cli {
@@ -215,6 +216,8 @@ std::optional<std::string> awaitCall(const std::shared_ptr<CallOutcome>& outcome
         return std::string("no answer from the ") + service + " service after " +
                formatSeconds(timeout) + " s";
     }
+    // The kit's failure line follows the block on the same session task (see awaitAnswer).
+    net::URLSession::shared().delegateQueue().sync([] {});
     if (!outcome->error.empty()) {
         return outcome->error;
     }

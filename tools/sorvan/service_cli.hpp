@@ -15,6 +15,7 @@
 #include "options.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
+#include "sorvan/platform/foundation/url_session.hpp"
 
 namespace sorvan::cli {
 
@@ -58,6 +59,9 @@ std::optional<Answer<Value>> awaitAnswer(Start&& start) {
     if (!state->done.waitFor(kCallTimeout)) {
         return std::nullopt;
     }
+    // The kit writes its failure line after the block returns, on the same session task: let
+    // that task end, so the line is out before the command prints its own and exits.
+    net::URLSession::shared().delegateQueue().sync([] {});
     std::lock_guard lock(state->mutex);
     return state->answer;
 }
