@@ -124,7 +124,7 @@ void checkServices(const std::shared_ptr<sorvan::SorvanMapView>& view) {
 int main(int argc, char** argv) {
     std::vector<std::string> lines;
     std::mutex linesMutex;
-    sorvan::log::setSink([&](std::string_view line) {
+    sorvan::log::setSink([&](sorvan::log::Level, std::string_view line) {
         std::lock_guard lock(linesMutex);
         lines.emplace_back(line);
     });
