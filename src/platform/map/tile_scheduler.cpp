@@ -71,6 +71,15 @@ struct TileScheduler::Token {
     std::function<void()> progress;
 };
 
+// A queued load: whoever moves it out of Queued first decides whether it runs (a tile thread)
+// or is taken back (the main queue).
+struct TileScheduler::LoadTicket {
+    enum : int { Queued, Started, Cancelled };
+    std::atomic<int> state{Queued};
+    std::uint64_t epoch = 0;
+    std::uint64_t wantedFrame = 0;  // main queue only
+};
+
 TileScheduler::TileScheduler(DrawnTileCache& drawn, std::function<void()> progress)
     : drawn_(drawn),
       token_(std::make_shared<Token>(Token{&drawn, std::move(progress)})),
@@ -97,6 +106,15 @@ void TileScheduler::ensurePools() {
 }
 
 void TileScheduler::forget(const LayerSource& layer) {
+    for (auto it = queued_.begin(); it != queued_.end();) {
+        if (it->first.overlay == layer.overlay.get()) {
+            int expected = LoadTicket::Queued;
+            it->second->state.compare_exchange_strong(expected, LoadTicket::Cancelled);
+            it = queued_.erase(it);
+        } else {
+            ++it;
+        }
+    }
     store_->forget(layer.overlay.get());
     if (layer.renderer)
         drawn_.forget(layer.renderer.get());
@@ -105,10 +123,17 @@ void TileScheduler::forget(const LayerSource& layer) {
 void TileScheduler::postLoad(const LayerSource& layer, const std::shared_ptr<TileOverlay>& overlay,
                              TileKey key, std::uint64_t epoch) {
     ensurePools();
+    auto ticket = std::make_shared<LoadTicket>();
+    ticket->epoch = epoch;
+    ticket->wantedFrame = frame_;
+    queued_[key] = ticket;
     std::weak_ptr<Token> weak = token_;
     auto tiles = store_;
     auto live = layer.live;
-    loadPool_->post([weak, tiles, live, overlay, key, epoch] {
+    loadPool_->post([weak, tiles, live, overlay, key, epoch, ticket] {
+        int expected = LoadTicket::Queued;
+        if (!ticket->state.compare_exchange_strong(expected, LoadTicket::Started))
+            return;  // taken back: scrolled away while queued
         if (!live->load())
             return;  // removed from the map while queued
         auto once = std::make_shared<std::atomic<bool>>(false);
@@ -132,8 +157,31 @@ void TileScheduler::postLoad(const LayerSource& layer, const std::shared_ptr<Til
             log::writef("tile load failed (%lld/%lld/%lld): %s", static_cast<long long>(key.z),
                         static_cast<long long>(key.x), static_cast<long long>(key.y), e.what());
             result({}, std::string(e.what()));
+        } catch (...) {
+            log::writef("tile load failed (%lld/%lld/%lld): unknown exception",
+                        static_cast<long long>(key.z), static_cast<long long>(key.x),
+                        static_cast<long long>(key.y));
+            result({}, std::string("unknown exception"));
         }
     });
+}
+
+void TileScheduler::cancelUnwanted() {
+    for (auto it = queued_.begin(); it != queued_.end();) {
+        LoadTicket& t = *it->second;
+        if (t.state.load() != LoadTicket::Queued) {
+            it = queued_.erase(it);  // started: it runs to its end
+            continue;
+        }
+        if (t.wantedFrame == frame_) {
+            ++it;
+            continue;
+        }
+        int expected = LoadTicket::Queued;
+        if (t.state.compare_exchange_strong(expected, LoadTicket::Cancelled))
+            store_->cancelLoad(it->first, t.epoch);
+        it = queued_.erase(it);
+    }
 }
 
 void TileScheduler::postDraw(const std::shared_ptr<OverlayRenderer>& renderer, DrawKey key,
@@ -158,6 +206,8 @@ void TileScheduler::postDraw(const std::shared_ptr<OverlayRenderer>& renderer, D
 
 FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerSource>& layers) {
     drawn_.beginFrame();
+    ++frame_;
+    newLoads_.clear();
     FramePlan fp;
     MapRect covered = viewport.coveredRect();
     double minX = covered.minX(), maxX = covered.maxX();
@@ -231,12 +281,20 @@ FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerS
                         (found.state == State::Absent || found.version == d.version))
                         continue;
                     if (found.state == State::Absent) {
-                        if (auto epoch = store_->beginLoad(tk))
-                            postLoad(entry, tileOverlay, tk, epoch);
+                        if (auto epoch = store_->beginLoad(tk)) {
+                            double dx = (static_cast<double>(ux) + 0.5) * layer.tileWidth -
+                                        viewport.camera().center.x;
+                            double dy = (static_cast<double>(y) + 0.5) * layer.tileWidth -
+                                        viewport.camera().center.y;
+                            newLoads_.push_back(
+                                {&entry, tileOverlay, tk, epoch, std::hypot(dx, dy)});
+                        }
                         ++fp.pending;
                         continue;
                     }
                     if (found.state == State::Loading) {
+                        if (auto q = queued_.find(tk); q != queued_.end())
+                            q->second->wantedFrame = frame_;
                         ++fp.pending;
                         continue;
                     }
@@ -254,6 +312,13 @@ FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerS
         }
         fp.layers.push_back(std::move(layer));
     }
+    // What the user looks at first comes first.
+    std::stable_sort(newLoads_.begin(), newLoads_.end(),
+                     [](const NewLoad& a, const NewLoad& b) { return a.distance < b.distance; });
+    for (const NewLoad& load : newLoads_)
+        postLoad(*load.layer, load.overlay, load.key, load.epoch);
+    newLoads_.clear();
+    cancelUnwanted();
     return fp;
 }
 

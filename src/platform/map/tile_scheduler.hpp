@@ -3,6 +3,11 @@
 // TileStore) and has renderers draw tiles on the draw threads (into the DrawnTileCache) when a
 // tile first shows at a level, when its data arrives, and after setNeedsDisplay / reloadData.
 //
+// Loads are queued nearest the view's centre first. A queued load whose tile is no longer in
+// the frame (scrolled away, another level, overlay removed) is taken back before it starts, so
+// a fast pan does not leave the tile threads busy with tiles nobody sees; the tile is asked for
+// again if it comes back into view. A load that has started runs to its end.
+//
 // Main queue only, except that loads run on the tile threads and draws on the draw threads;
 // their results come back through the main queue, where the progress callback tells the map
 // view. Destroying the scheduler (on the main queue) joins the threads: a load or draw in
@@ -14,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <unordered_map>
 #include <vector>
 
 #include "map/drawn_tile_cache.hpp"
@@ -81,10 +87,20 @@ class TileScheduler {
   private:
     class WorkerPool;
     struct Token;
+    struct LoadTicket;
+    struct NewLoad {
+        const LayerSource* layer;
+        std::shared_ptr<TileOverlay> overlay;
+        TileKey key;
+        std::uint64_t epoch;
+        double distance;  // from the view's centre, map points
+    };
 
     void ensurePools();
     void postLoad(const LayerSource& layer, const std::shared_ptr<TileOverlay>& overlay,
                   TileKey key, std::uint64_t epoch);
+    // Takes back the queued loads this frame did not ask for.
+    void cancelUnwanted();
     void postDraw(const std::shared_ptr<OverlayRenderer>& renderer, DrawKey key, MapRect rect,
                   double zoomScale, int pixels, std::uint64_t generation, std::uint64_t version);
 
@@ -93,6 +109,10 @@ class TileScheduler {
     std::shared_ptr<TileStore> store_;
     int loadThreads_ = 4;
     std::unique_ptr<WorkerPool> loadPool_, drawPool_;
+    std::uint64_t frame_ = 0;
+    // Loads posted and not known to have started, by tile.
+    std::unordered_map<TileKey, std::shared_ptr<LoadTicket>, TileKeyHash> queued_;
+    std::vector<NewLoad> newLoads_;  // this frame's, kept for its storage
 };
 
 }  // namespace sorvan::map::detail

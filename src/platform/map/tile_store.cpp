@@ -57,6 +57,15 @@ void TileStore::finishLoad(const TileKey& key, std::uint64_t epoch,
     evict();
 }
 
+void TileStore::cancelLoad(const TileKey& key, std::uint64_t epoch) {
+    std::lock_guard lock(mutex_);
+    auto it = entries_.find(key);
+    if (it == entries_.end() || it->second.epoch != epoch || it->second.state != State::Loading)
+        return;
+    bytes_ -= it->second.bytes;
+    entries_.erase(it);
+}
+
 void TileStore::evict() {
     if (bytes_ <= limit_)
         return;

@@ -51,6 +51,9 @@ class TileStore {
     /// forgotten since beginLoad. Evicts least recently used tiles beyond the limit.
     void finishLoad(const TileKey& key, std::uint64_t epoch, std::shared_ptr<gfx::Image> image,
                     bool failed);
+    /// Takes back a load that never started: the tile is absent again (and may be asked for
+    /// again). Ignored unless the tile is still loading under that epoch.
+    void cancelLoad(const TileKey& key, std::uint64_t epoch);
     /// Drops every tile of an overlay; loads in flight for it are discarded when they finish.
     void forget(const Overlay* overlay);
 
