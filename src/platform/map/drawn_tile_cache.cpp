@@ -50,8 +50,10 @@ bool DrawnTileCache::install(const DrawKey& key, DrawResult result, std::uint64_
     DrawnTile& d = it->second;
     if (d.pending && d.pendingGeneration == generation && d.pendingVersion == version)
         d.pending = false;
-    // Draws may finish out of order: an older one never replaces a newer one.
-    if (!d.valid || generation > d.generation || version >= d.version) {
+    // Draws may finish out of order: one that is older in display generation or in data never
+    // replaces what is there (when neither is older than the other, the next frame draws the
+    // tile again anyway).
+    if (!d.valid || (generation >= d.generation && version >= d.version)) {
         d.drawn = std::move(result);
         d.drawn.empty = d.drawn.empty || !d.drawn.surface;
         d.valid = true;
