@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cmath>
 
+#include "graphics/cairo_handles.hpp"
 #include "map/annotation_layer.hpp"
 #include "map/drawn_tile_cache.hpp"
 #include "map/frame_compositor.hpp"
@@ -13,7 +14,6 @@
 #include "map/viewport.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/ui/controls.hpp"
-#include "ui/cairo_util.hpp"
 
 namespace sorvan::map {
 
@@ -595,9 +595,9 @@ std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeou
     h = std::max(h, 1);
     std::vector<std::uint32_t> pixels(static_cast<std::size_t>(w) * static_cast<std::size_t>(h));
     {
-        ui::detail::SurfacePtr surface(cairo_image_surface_create_for_data(
+        gfx::SurfacePtr surface(cairo_image_surface_create_for_data(
             reinterpret_cast<unsigned char*>(pixels.data()), CAIRO_FORMAT_ARGB32, w, h, w * 4));
-        ui::detail::ContextPtr cr(cairo_create(surface.get()));
+        gfx::ContextPtr cr(cairo_create(surface.get()));
         cairo_scale(cr.get(), scale, scale);
         drawFrame(cr.get());
         cairo_surface_flush(surface.get());

@@ -8,9 +8,9 @@
 #include <string>
 #include <typeinfo>
 
+#include "graphics/cairo_handles.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/map/overlay_renderer.hpp"
-#include "ui/cairo_util.hpp"
 
 namespace sorvan::map::detail {
 
@@ -42,11 +42,11 @@ DrawResult drawTile(OverlayRenderer& renderer, const DrawKey& key, const MapRect
     try {
         if (!renderer.canDrawMapRect(rect, zoomScale))
             return out;
-        SharedSurface surface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, pixels, pixels),
-                              cairo_surface_destroy);
+        SharedSurface surface =
+            gfx::shareSurface(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, pixels, pixels));
         if (cairo_surface_status(surface.get()) != CAIRO_STATUS_SUCCESS)
             return out;
-        ui::detail::ContextPtr cr(cairo_create(surface.get()));
+        gfx::ContextPtr cr(cairo_create(surface.get()));
         double k = pixels / rect.size.width;
         cairo_scale(cr.get(), k, k);
         cairo_translate(cr.get(), -rect.origin.x, -rect.origin.y);
