@@ -2,9 +2,8 @@
 
 #include <cairo.h>
 
-#include <algorithm>
+#include <cstdint>
 #include <utility>
-#include <vector>
 
 namespace sorvan::map::detail {
 
@@ -15,17 +14,31 @@ std::size_t DrawKeyHash::operator()(const DrawKey& k) const noexcept {
     return h;
 }
 
-DrawnTileCache::DrawnTileCache(std::size_t budgetBeyondVisible) : budget_(budgetBeyondVisible) {}
+DrawnTileCache::DrawnTileCache(std::size_t budgetBeyondVisible)
+    : budget_(budgetBeyondVisible), tiles_(SIZE_MAX, InUse{&frame_}) {}
+
+void DrawnTileCache::beginFrame() {
+    ++frame_;
+    shownBytes_ = 0;
+    tiles_.setLimit(SIZE_MAX);
+}
 
 DrawnTile& DrawnTileCache::touch(const DrawKey& key) {
-    DrawnTile& d = tiles_[key];
-    d.lastFrame = frame_;
-    return d;
+    if (DrawnTile* d = tiles_.find(key)) {
+        if (d->lastFrame != frame_) {
+            d->lastFrame = frame_;
+            shownBytes_ += d->bytes;
+        }
+        return *d;
+    }
+    DrawnTile fresh;
+    fresh.lastFrame = frame_;  // in use from the start: storing it never lets it go
+    tiles_.put(key, std::move(fresh), 0);
+    return *tiles_.peek(key);
 }
 
 const DrawnTile* DrawnTileCache::find(const DrawKey& key) const {
-    auto it = tiles_.find(key);
-    return it == tiles_.end() ? nullptr : &it->second;
+    return tiles_.peek(key);
 }
 
 bool DrawnTileCache::isCurrent(const DrawnTile& d, std::uint64_t generation,
@@ -44,10 +57,10 @@ bool DrawnTileCache::beginDraw(DrawnTile& d, std::uint64_t generation, std::uint
 
 bool DrawnTileCache::install(const DrawKey& key, DrawResult result, std::uint64_t generation,
                              std::uint64_t version) {
-    auto it = tiles_.find(key);
-    if (it == tiles_.end())
+    DrawnTile* found = tiles_.peek(key);
+    if (!found)
         return false;
-    DrawnTile& d = it->second;
+    DrawnTile& d = *found;
     if (d.pending && d.pendingGeneration == generation && d.pendingVersion == version)
         d.pending = false;
     // Draws may finish out of order: one that is older in display generation or in data never
@@ -59,64 +72,41 @@ bool DrawnTileCache::install(const DrawKey& key, DrawResult result, std::uint64_
         d.valid = true;
         d.generation = generation;
         d.version = version;
+        std::size_t before = d.bytes;
         d.bytes =
             d.drawn.surface
                 ? static_cast<std::size_t>(cairo_image_surface_get_stride(d.drawn.surface.get())) *
                       cairo_image_surface_get_height(d.drawn.surface.get())
                 : 0;
+        if (d.lastFrame == frame_)
+            shownBytes_ = shownBytes_ - before + d.bytes;
+        tiles_.resize(key, d.bytes);  // a tile being drawn is in use: it stays
     }
     return true;
 }
 
 const DrawnTile* DrawnTileCache::standIn(const DrawKey& key, int maxLevelsUp, int& levelsUp) const {
     for (int up = 1; up <= maxLevelsUp && key.z - up >= 0; ++up) {
-        auto parent = tiles_.find({key.renderer, key.z - up, key.x >> up, key.y >> up});
-        if (parent == tiles_.end() || !parent->second.valid)
+        const DrawnTile* parent = tiles_.peek({key.renderer, key.z - up, key.x >> up, key.y >> up});
+        if (!parent || !parent->valid)
             continue;
         levelsUp = up;
-        return &parent->second;
+        return parent;
     }
     return nullptr;
 }
 
 void DrawnTileCache::forget(const OverlayRenderer* renderer) {
-    std::erase_if(tiles_, [renderer](const auto& kv) { return kv.first.renderer == renderer; });
+    tiles_.eraseIf(
+        [renderer](const DrawKey& k, const DrawnTile&) { return k.renderer == renderer; });
 }
 
 void DrawnTileCache::clear() {
     tiles_.clear();
 }
 
-std::size_t DrawnTileCache::bytes() const {
-    std::size_t total = 0;
-    for (auto& [k, d] : tiles_)
-        total += d.bytes;
-    return total;
-}
-
 void DrawnTileCache::trim() {
-    std::size_t total = 0;
-    std::vector<std::pair<std::uint64_t, DrawKey>> old;
-    for (auto& [k, d] : tiles_) {
-        total += d.bytes;
-        if (d.lastFrame != frame_ && !d.pending)
-            old.push_back({d.lastFrame, k});
-    }
-    std::size_t visible = 0;
-    for (auto& [k, d] : tiles_)
-        if (d.lastFrame == frame_)
-            visible += d.bytes;
-    std::size_t budget = visible + budget_;
-    if (total <= budget)
-        return;
-    std::sort(old.begin(), old.end(), [](auto& a, auto& b) { return a.first < b.first; });
-    for (auto& [f, k] : old) {
-        if (total <= budget)
-            break;
-        auto it = tiles_.find(k);
-        total -= it->second.bytes;
-        tiles_.erase(it);
-    }
+    tiles_.setLimit(shownBytes_ + budget_);
 }
 
 }  // namespace sorvan::map::detail

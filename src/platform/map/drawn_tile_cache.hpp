@@ -14,7 +14,8 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <unordered_map>
+
+#include "foundation/byte_lru.hpp"
 
 typedef struct _cairo_surface cairo_surface_t;
 
@@ -63,7 +64,7 @@ class DrawnTileCache {
     explicit DrawnTileCache(std::size_t budgetBeyondVisible = kDefaultBudget);
 
     /// Starts a frame: tiles touched from now on are this frame's.
-    void beginFrame() { ++frame_; }
+    void beginFrame();
     /// The tile as this frame shows it (an undrawn one when new).
     DrawnTile& touch(const DrawKey& key);
     const DrawnTile* find(const DrawKey& key) const;
@@ -88,13 +89,22 @@ class DrawnTileCache {
     /// Ends a frame: keeps its tiles and as many recent others as the budget allows.
     void trim();
 
-    std::size_t bytes() const;
+    std::size_t bytes() const { return tiles_.bytes(); }
     std::size_t size() const { return tiles_.size(); }
 
   private:
+    // A tile shown in the current frame, or with a draw in flight, is kept.
+    struct InUse {
+        const std::uint64_t* frame;
+        bool operator()(const DrawnTile& d) const { return d.pending || d.lastFrame == *frame; }
+    };
+
     std::size_t budget_;
     std::uint64_t frame_ = 0;
-    std::unordered_map<DrawKey, DrawnTile, DrawKeyHash> tiles_;
+    std::size_t shownBytes_ = 0;  // of the tiles this frame shows
+    // Most recently shown first. Unbounded while a frame is planned; its end sets the limit
+    // to what the frame shows plus the budget.
+    ByteLru<DrawKey, DrawnTile, DrawKeyHash, InUse> tiles_;
 };
 
 }  // namespace sorvan::map::detail
