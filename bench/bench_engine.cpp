@@ -6,7 +6,8 @@
 //               surface (drawFrame), and the same through render(), which also hands back a
 //               new image
 //   PanFrameManyViews  the pan into the front end's surface with 2,000 image views (a 16-point
-//               icon) all on screen, as a busy tag and event layer gives
+//               icon) all on screen, as a busy tag and event layer gives; PanFrameNoViews is the
+//               same pan without views, the tiles' share of it
 // Peak resident memory is reported as the counter peak_rss_mb.
 #include <benchmark/benchmark.h>
 #include <cairo.h>
@@ -155,6 +156,11 @@ Scene& busyScene() {
     return s;
 }
 
+Scene& bareScene() {
+    static Scene s(0, 32);
+    return s;
+}
+
 void reportMemory(benchmark::State& state) {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
@@ -198,6 +204,11 @@ void BM_PanFrameManyViews(benchmark::State& state) {
     panIntoSurface(state, busyScene());
 }
 BENCHMARK(BM_PanFrameManyViews)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_PanFrameNoViews(benchmark::State& state) {
+    panIntoSurface(state, bareScene());
+}
+BENCHMARK(BM_PanFrameNoViews)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_PanFrameRender(benchmark::State& state) {
     Scene& s = scene();

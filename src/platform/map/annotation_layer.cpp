@@ -1,7 +1,10 @@
 #include "map/annotation_layer.hpp"
 
+#include <cairo.h>
+
 #include <algorithm>
 #include <cmath>
+#include <typeinfo>
 #include <utility>
 
 #include "map/user_location_view.hpp"
@@ -203,6 +206,7 @@ void AnnotationLayer::place(const Viewport& viewport) {
     placed_.clear();
     Projection project = viewport.projection();
     double width = viewport.width(), height = viewport.height();
+    double scale = viewport.scale();
     std::size_t order = 0;
     bool sorted = true;
     forEachEntry([&](Entry& e) {
@@ -213,7 +217,10 @@ void AnnotationLayer::place(const Viewport& viewport) {
         gfx::Point p = project(pointOf(e));
         gfx::Size s = v->frame().size;
         gfx::Point o = v->centerOffset();
-        gfx::Rect f{{p.x + o.x - s.width / 2, p.y + o.y - s.height / 2}, s};
+        // On whole device pixels: crisp, and a straight copy for image views.
+        gfx::Rect f{{std::round((p.x + o.x - s.width / 2) * scale) / scale,
+                     std::round((p.y + o.y - s.height / 2) * scale) / scale},
+                    s};
         // A view's transform may carry it about as far as its own size.
         double reach = std::max(s.width, s.height);
         if (f.maxX() + reach < 0 || f.maxY() + reach < 0 || f.minX() - reach > width ||
@@ -232,10 +239,107 @@ void AnnotationLayer::place(const Viewport& viewport) {
 }
 
 void AnnotationLayer::draw(cairo_t* context) {
-    for (auto& p : placed_)
-        if (!p.view->isHidden())
-            p.view->drawHierarchy(context);
+    ++frame_;
+    cairo_matrix_t base;
+    cairo_get_matrix(context, &base);
+    DirectBlitter blitter(context);
+    bool moved = false;  // the cairo fast path leaves device space in the context
+    for (auto& p : placed_) {
+        if (p.view->isHidden())
+            continue;
+        if (paintPlainImageView(context, base, blitter, *p.view)) {
+            moved = moved || !blitter.usable();
+            continue;
+        }
+        blitter.yield();
+        if (moved)
+            cairo_set_matrix(context, &base);
+        moved = false;
+        p.view->drawHierarchy(context);
+    }
+    blitter.yield();
+    if (moved)
+        cairo_set_matrix(context, &base);
     placed_.clear();
+    // Surfaces of images no view showed this frame go; there are few images and many views.
+    if (surfaces_.size() > 64)
+        std::erase_if(surfaces_, [this](const auto& kv) { return kv.second.lastFrame != frame_; });
+}
+
+const AnnotationLayer::ImageSurface* AnnotationLayer::surfaceFor(
+    const std::shared_ptr<gfx::Image>& image) {
+    auto [it, made] = surfaces_.try_emplace(image.get());
+    ImageSurface& s = it->second;
+    if (made) {
+        // Read in place: the image is immutable and kept alive with the surface.
+        int w = image->pixelWidth(), h = image->pixelHeight();
+        const std::uint32_t* px = image->pixels().data();
+        s.image = image;
+        s.surface.reset(cairo_image_surface_create_for_data(
+            reinterpret_cast<unsigned char*>(const_cast<std::uint32_t*>(px)), CAIRO_FORMAT_ARGB32,
+            w, h, w * 4));
+        s.pixels = pixmanImageOver(px, w, h);
+        // Icons are mostly margin: only the box that holds visible pixels is painted.
+        int x0 = w, y0 = h, x1 = -1, y1 = -1;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                if (px[static_cast<std::size_t>(y) * w + x] >> 24) {
+                    x0 = std::min(x0, x);
+                    x1 = std::max(x1, x);
+                    y0 = std::min(y0, y);
+                    y1 = std::max(y1, y);
+                }
+            }
+        }
+        if (x1 >= 0)
+            s.inkX = x0, s.inkY = y0, s.inkWidth = x1 - x0 + 1, s.inkHeight = y1 - y0 + 1;
+    }
+    s.lastFrame = frame_;
+    return cairo_surface_status(s.surface.get()) == CAIRO_STATUS_SUCCESS && s.pixels ? &s : nullptr;
+}
+
+bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& base,
+                                          DirectBlitter& blitter, AnnotationView& v) {
+    // Only a view that draws exactly as the base class does, with nothing that needs the full
+    // draw: no subclass drawing, subviews, background, transform or translucency.
+    if (typeid(v) != typeid(AnnotationView) || !v.subviews().empty() || v.alpha() != 1.0 ||
+        v.backgroundColor().a > 0)
+        return false;
+    auto image = v.image();
+    if (!image || image->pixelWidth() <= 0 || image->pixelHeight() <= 0)
+        return false;
+    gfx::Rect f = v.frame();
+    if (f.size.width <= 0 || f.size.height <= 0 || !v.transform().isIdentity())
+        return false;
+    // The image's pixels must land one to one on whole device pixels; else the full draw
+    // filters them.
+    cairo_matrix_t m = base;
+    cairo_matrix_translate(&m, f.origin.x, f.origin.y);
+    cairo_matrix_scale(&m, f.size.width / image->pixelWidth(),
+                       f.size.height / image->pixelHeight());
+    constexpr double kEps = 1e-9;
+    if (std::abs(m.xx - 1) > kEps || std::abs(m.yy - 1) > kEps || m.xy != 0 || m.yx != 0)
+        return false;
+    double x0 = std::round(m.x0), y0 = std::round(m.y0);
+    if (std::abs(m.x0 - x0) > 1e-6 || std::abs(m.y0 - y0) > 1e-6)
+        return false;
+    const ImageSurface* s = surfaceFor(image);
+    if (!s)
+        return false;
+    if (s->inkWidth == 0)
+        return true;  // nothing shows
+    if (blitter.usable()) {
+        blitter.over(s->pixels.get(), s->inkX, s->inkY, static_cast<int>(x0) + s->inkX,
+                     static_cast<int>(y0) + s->inkY, s->inkWidth, s->inkHeight);
+        return true;
+    }
+    cairo_matrix_t device;
+    cairo_matrix_init_translate(&device, x0, y0);
+    cairo_set_matrix(cr, &device);
+    cairo_set_source_surface(cr, s->surface.get(), 0, 0);
+    cairo_rectangle(cr, s->inkX, s->inkY, s->inkWidth, s->inkHeight);
+    cairo_fill(cr);
+    return true;
 }
 
 std::shared_ptr<AnnotationView> AnnotationLayer::hitTest(gfx::Point point) {

@@ -6,7 +6,10 @@
 // Per frame the layer reads every annotation's coordinate (annotations announce no moves) but
 // re-projects only those that moved, and places, sorts and draws only views near the screen;
 // the frame's working lists keep their storage from frame to frame. Removal is amortised
-// constant time, so thousands of annotations can come and go.
+// constant time, so thousands of annotations can come and go. Views are placed on whole
+// device pixels, so that a plain image view (the common case: icons of tags, events, cameras)
+// is painted as a straight blend of its pixels (only the part that shows), directly onto the
+// frame's pixels where the target allows it.
 //
 // Main queue only. The host is called synchronously and may add or remove annotations (or
 // select and deselect) from inside its calls.
@@ -19,7 +22,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "graphics/cairo_handles.hpp"
+#include "map/direct_blitter.hpp"
 #include "map/viewport.hpp"
+#include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/map/annotation.hpp"
 #include "sorvan/platform/map/annotation_view.hpp"
 #include "sorvan/platform/ui/view.hpp"
@@ -112,7 +118,20 @@ class AnnotationLayer {
         std::size_t order;
     };
 
+    // A cairo surface over an image's pixels, kept while views show the image.
+    struct ImageSurface {
+        std::shared_ptr<gfx::Image> image;  // keeps the pixels (and the key) alive
+        gfx::SurfacePtr surface;
+        PixmanImage pixels;
+        int inkX = 0, inkY = 0, inkWidth = 0, inkHeight = 0;  // where any pixel shows
+        std::uint64_t lastFrame = 0;
+    };
+
     Entry* entryFor(const Annotation* annotation);
+    // Paints a plain image view as a pixel copy; false when it needs its full draw.
+    bool paintPlainImageView(cairo_t* context, const cairo_matrix_t& base, DirectBlitter& blitter,
+                             AnnotationView& view);
+    const ImageSurface* surfaceFor(const std::shared_ptr<gfx::Image>& image);
     const Entry* entryFor(const Annotation* annotation) const;
     bool userShown() const;
     MapPoint pointOf(Entry& entry);
@@ -132,6 +151,8 @@ class AnnotationLayer {
     std::weak_ptr<Annotation> selected_;
     std::shared_ptr<ui::View> container_;
     std::vector<Placed> placed_;  // this frame's views near the screen, bottom first
+    std::unordered_map<const gfx::Image*, ImageSurface> surfaces_;
+    std::uint64_t frame_ = 0;
 };
 
 }  // namespace sorvan::map::detail

@@ -119,6 +119,18 @@ TEST(AnnotationLayer, PlacesViewsOnTheirPointsAndFollowsMovedAnnotations) {
     EXPECT_NEAR(v->frame().origin.x, 100 + 3 - 10, 1e-6);
     EXPECT_NEAR(v->frame().origin.y, 100 - 4 - 5, 1e-6);
 
+    // Frames fall on whole device pixels (halves of points at scale 2), so icons stay crisp.
+    a->setCoordinate(coordinateForMapPoint(f.viewport.mapFromPoint({100.3, 99.8})));
+    f.layer.place(f.viewport);
+    EXPECT_NEAR(v->frame().origin.x, 93.5, 1e-9);
+    EXPECT_NEAR(v->frame().origin.y, 91, 1e-9);
+    f.viewport.setScale(3);
+    f.layer.place(f.viewport);
+    EXPECT_NEAR(v->frame().origin.x, 93 + 1.0 / 3, 1e-9);
+    f.viewport.setScale(2);
+    a->setCoordinate(coordinateForMapPoint(f.viewport.mapFromPoint({100, 100})));
+    f.layer.place(f.viewport);
+
     // Far off screen a view keeps the frame it had; back near the screen it follows again.
     gfx::Rect before = v->frame();
     f.viewport.moveTo(f.viewport.panned(-2000, 0));
