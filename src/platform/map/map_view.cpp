@@ -170,7 +170,7 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
         view.setNeedsDisplay();
     }
 
-    detail::FramePlan plan() { return scheduler.plan(viewport, overlays); }
+    const detail::FramePlan& plan() { return scheduler.plan(viewport, overlays); }
 
     void compose(cairo_t* cr, const detail::FramePlan& fp) {
         cairo_save(cr);
@@ -544,7 +544,7 @@ void MapView::layoutSubviews() {
 
 void MapView::draw(cairo_t* context, gfx::Rect) {
     ++impl_->renderDepth;
-    detail::FramePlan fp = impl_->plan();
+    const detail::FramePlan& fp = impl_->plan();
     impl_->compose(context, fp);
     impl_->drawn.trim();
     --impl_->renderDepth;
@@ -571,10 +571,10 @@ std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeou
     impl_->annotations.makeViewsNearScreen(impl_->viewport);
     for (;;) {
         ++impl_->renderDepth;
-        detail::FramePlan fp = impl_->plan();
+        std::size_t pending = impl_->plan().pending;
         --impl_->renderDepth;
         bool animating = isAnimating() || impl_->annotations.isAnimating();
-        if (fp.pending == 0 && !animating)
+        if (pending == 0 && !animating)
             break;
         auto now = Clock::now();
         if (now >= deadline)

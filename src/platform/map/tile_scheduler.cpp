@@ -106,6 +106,7 @@ void TileScheduler::ensurePools() {
 }
 
 void TileScheduler::forget(const LayerSource& layer) {
+    plan_.layers.clear();  // it may hold the layer's renderer
     for (auto it = queued_.begin(); it != queued_.end();) {
         if (it->first.overlay == layer.overlay.get()) {
             int expected = LoadTicket::Queued;
@@ -204,11 +205,16 @@ void TileScheduler::postDraw(const std::shared_ptr<OverlayRenderer>& renderer, D
     });
 }
 
-FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerSource>& layers) {
+const FramePlan& TileScheduler::plan(const Viewport& viewport,
+                                     const std::vector<LayerSource>& layers) {
     drawn_.beginFrame();
     ++frame_;
     newLoads_.clear();
-    FramePlan fp;
+    // The last frame's plan is filled again, keeping its storage.
+    FramePlan& fp = plan_;
+    fp.pending = 0;
+    fp.replacesContent = false;
+    std::size_t used = 0;
     MapRect covered = viewport.coveredRect();
     double minX = covered.minX(), maxX = covered.maxX();
     double minY = covered.minY(), maxY = covered.maxY();
@@ -218,8 +224,11 @@ FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerS
             fp.replacesContent = true;
         if (!entry.renderer)
             continue;
-        LayerPlan layer;
+        if (used == fp.layers.size())
+            fp.layers.emplace_back();
+        LayerPlan& layer = fp.layers[used];
         layer.renderer = entry.renderer;
+        layer.tiles.clear();
         double tileSize = 256;
         MapRect bounds{{0, 0}, {kMapWorldSize, kMapWorldSize}};
         if (tileOverlay) {
@@ -310,8 +319,9 @@ FramePlan TileScheduler::plan(const Viewport& viewport, const std::vector<LayerS
                 postDraw(entry.renderer, key, rect, zoomScale, layer.pixels, generation, version);
             }
         }
-        fp.layers.push_back(std::move(layer));
+        ++used;
     }
+    fp.layers.resize(used);
     // What the user looks at first comes first.
     std::stable_sort(newLoads_.begin(), newLoads_.end(),
                      [](const NewLoad& a, const NewLoad& b) { return a.distance < b.distance; });

@@ -79,8 +79,9 @@ class TileScheduler {
     void setLoadThreadCount(int count);
     const std::shared_ptr<TileStore>& store() const { return store_; }
 
-    /// Plans a frame of the given layers and starts the loads and draws it lacks.
-    FramePlan plan(const Viewport& viewport, const std::vector<LayerSource>& layers);
+    /// Plans a frame of the given layers and starts the loads and draws it lacks. The plan
+    /// stays valid until the next call or forget().
+    const FramePlan& plan(const Viewport& viewport, const std::vector<LayerSource>& layers);
     /// Lets go of what an overlay that left the map had loaded and drawn.
     void forget(const LayerSource& layer);
 
@@ -113,6 +114,7 @@ class TileScheduler {
     // Loads posted and not known to have started, by tile.
     std::unordered_map<TileKey, std::shared_ptr<LoadTicket>, TileKeyHash> queued_;
     std::vector<NewLoad> newLoads_;  // this frame's, kept for its storage
+    FramePlan plan_;                 // the last frame's
 };
 
 }  // namespace sorvan::map::detail
