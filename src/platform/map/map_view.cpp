@@ -50,6 +50,10 @@ struct Life {
     std::uint64_t progress = 0;
 };
 
+// The map view holds its parts together: the viewport (where the camera stands), the overlay
+// list, the tile scheduler with its drawn-tile cache, and the annotation layer. Each part knows
+// nothing of the others; the view feeds one's output to the next, announces region changes and
+// asks its delegate on their behalf.
 struct MapView::Impl final : detail::AnnotationLayer::Host {
     explicit Impl(MapView& v)
         : view(v),
