@@ -302,7 +302,7 @@ BENCHMARK(CachedDownload)->Arg(10)->Arg(10000)->Unit(benchmark::kMillisecond)->U
 }  // namespace
 
 int main(int argc, char** argv) {
-    log::setSink([](std::string_view) {});
+    log::setLevel(log::Level::off);
     benchmark::Initialize(&argc, argv);
     world();
     benchmark::RunSpecifiedBenchmarks();

@@ -133,6 +133,7 @@ struct EmbeddedService::Impl {
     // looks, at most once a second.
     std::atomic<Clock::rep> lastSweep{Clock::now().time_since_epoch().count()};
     std::atomic<std::size_t> accepted{0};
+    std::atomic<bool> stampTiles{false};
 
     std::atomic<bool> stopping{false};
     std::mutex stopMutex;
@@ -565,6 +566,14 @@ void EmbeddedService::clearFaults() {
 
 std::size_t EmbeddedService::acceptedConnections() const {
     return impl_->accepted;
+}
+
+void EmbeddedService::setStampTiles(bool stamp) {
+    impl_->stampTiles.store(stamp, std::memory_order_relaxed);
+}
+
+bool EmbeddedService::stampTiles() const {
+    return impl_->stampTiles.load(std::memory_order_relaxed);
 }
 
 void EmbeddedService::setAccessLog(std::function<void(const Request&, int status)> log) {

@@ -13,7 +13,8 @@ namespace sorvan::server {
 namespace {
 
 // The query-driven faults of the other tile paths work here too: "status=N" answers N,
-// "delay=S" waits S seconds first, "garbage=1" answers 200 with bytes that are no picture.
+// "delay=S" waits S seconds first, "garbage=1" answers 200 with bytes that are no picture;
+// and "stamp=1" writes the tile's "mode z/x/y" on it.
 std::optional<Response> queryFault(const Request& request) {
     if (auto delay = request.queryItem("delay")) {
         double seconds = std::strtod(delay->c_str(), nullptr);
@@ -35,8 +36,12 @@ std::optional<Response> queryFault(const Request& request) {
 
 }  // namespace
 
-Handler mapServerTileHandler() {
-    return [](const Request& request) {
+bool wantsStamp(const Request& request, const EmbeddedService* service) {
+    return request.queryItem("stamp") == "1" || (service != nullptr && service->stampTiles());
+}
+
+Handler mapServerTileHandler(const EmbeddedService* service) {
+    return [service](const Request& request) {
         if (auto fault = queryFault(request)) {
             return *fault;
         }
@@ -44,7 +49,8 @@ Handler mapServerTileHandler() {
         if (!address) {
             return Response::text(400, "bad tile address: " + request.query);
         }
-        auto bytes = tilePNG(address->mode, address->z, address->x, address->y);
+        auto bytes = tilePNG(address->mode, address->z, address->x, address->y,
+                             wantsStamp(request, service));
         if (!bytes) {
             return Response::text(500, "tile could not be painted");
         }
@@ -57,7 +63,7 @@ void installMapServerRoutes(EmbeddedService& service) {
     // end their path in the same script name.
     for (const char* prefix : {"/map/msn-server/img.php", "/partner/map/msn-server/img.php",
                                "/traffic/map/msn-server/img.php", "/box/map/msn-server/img.php"}) {
-        service.route(prefix, mapServerTileHandler());
+        service.route(prefix, mapServerTileHandler(&service));
     }
 }
 

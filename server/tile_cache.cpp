@@ -109,13 +109,13 @@ std::optional<TileAddress> parseTileQuery(std::string_view query) {
 }
 
 std::shared_ptr<const std::string> tilePNG(const std::string& style, int z, std::int64_t x,
-                                           std::int64_t y) {
-    std::string key =
-        style + '\n' + std::to_string(z) + '/' + std::to_string(x) + '/' + std::to_string(y);
+                                           std::int64_t y, bool stamped) {
+    std::string key = style + '\n' + std::to_string(z) + '/' + std::to_string(x) + '/' +
+                      std::to_string(y) + (stamped ? "+stamp" : "");
     if (auto hit = cache().get(key)) {
         return hit;
     }
-    auto image = paintTile(style, z, x, y);
+    auto image = paintTile(style, z, x, y, stamped);
     if (!image) {
         return nullptr;
     }

@@ -24,7 +24,12 @@ struct TileAddress {
 std::optional<TileAddress> parseTileQuery(std::string_view query);
 
 /// The map-server tile handler, for a test that mounts it under a path of its own (a box
-/// domain with a path, say). installMapServerRoutes mounts it at the usual paths.
-Handler mapServerTileHandler();
+/// domain with a path, say). installMapServerRoutes mounts it at the usual paths. Tiles carry
+/// their stamp when the request says "stamp=1" or the service stamps every tile; service may
+/// be null (then only the request decides) and otherwise outlives the handler.
+Handler mapServerTileHandler(const EmbeddedService* service = nullptr);
+
+/// Whether a tile request is answered with the "mode z/x/y" stamp.
+bool wantsStamp(const Request& request, const EmbeddedService* service);
 
 }  // namespace sorvan::server

@@ -1364,7 +1364,10 @@ std::shared_ptr<gfx::Image> paintMap(const std::string& styleName, const MapBox&
 }
 
 std::shared_ptr<gfx::Image> paintTile(const std::string& style, int z, std::int64_t x,
-                                      std::int64_t y) {
+                                      std::int64_t y, bool stamped) {
+    if (!stamped) {
+        return paintMap(style, tileBox(z, x, y), 256, 256);
+    }
     char stamp[96];
     std::snprintf(stamp, sizeof stamp, " %d/%lld/%lld", z, static_cast<long long>(x),
                   static_cast<long long>(y));

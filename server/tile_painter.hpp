@@ -31,14 +31,15 @@ MapBox tileBox(int z, std::int64_t x, std::int64_t y);
 std::shared_ptr<gfx::Image> paintMap(const std::string& style, const MapBox& box, int width,
                                      int height, const std::string& stamp = "");
 
-/// The 256 x 256 tile z/x/y, stamped "style z/x/y".
+/// The 256 x 256 tile z/x/y; stamped "style z/x/y" in its corner when asked, so a test or a
+/// person can tell tiles apart (a map for looking at goes without).
 std::shared_ptr<gfx::Image> paintTile(const std::string& style, int z, std::int64_t x,
-                                      std::int64_t y);
+                                      std::int64_t y, bool stamped = false);
 
 /// The tile's PNG bytes, from a bounded in-memory cache (64 MB, least recently used out) so
 /// repeated requests cost a lookup.
 std::shared_ptr<const std::string> tilePNG(const std::string& style, int z, std::int64_t x,
-                                           std::int64_t y);
+                                           std::int64_t y, bool stamped = false);
 
 /// The PNG setting tiles are encoded with.
 gfx::PNGOptions tilePNGOptions();

@@ -5,7 +5,8 @@
 //
 // Fault convention for every path here (the core's injectFault() works too): query item
 // "status=N" answers status N, "delay=S" waits S seconds first, "garbage=1" answers 200 with
-// bytes that are no picture.
+// bytes that are no picture. Tiles (not WMS boxes) carry their "style z/x/y" stamp with
+// "stamp=1" or when the service stamps every tile.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -20,6 +21,7 @@
 
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
+#include "tile_cache.hpp"
 #include "tile_painter.hpp"
 
 namespace sorvan::server {
@@ -164,8 +166,8 @@ std::optional<std::array<std::int64_t, 3>> tilePath(const std::string& path,
     return v;
 }
 
-Handler xyz(std::string prefix, std::string style, bool tms) {
-    return [prefix, style, tms](const Request& request) {
+Handler xyz(const EmbeddedService& service, std::string prefix, std::string style, bool tms) {
+    return [&service, prefix, style, tms](const Request& request) {
         auto zxy = tilePath(request.path, prefix);
         if (!zxy) {
             return Response::text(404, "no such tile\n");
@@ -174,7 +176,7 @@ Handler xyz(std::string prefix, std::string style, bool tms) {
         if (tms) {
             y = (std::int64_t{1} << z) - y - 1;  // rows counted from the south
         }
-        auto png = tilePNG(style, static_cast<int>(z), x, y);
+        auto png = tilePNG(style, static_cast<int>(z), x, y, wantsStamp(request, &service));
         if (!png) {
             return Response::text(500, "painting failed\n");
         }
@@ -229,9 +231,9 @@ Handler withFaults(Handler handler) {
 
 void installTileRoutes(EmbeddedService& service) {
     service.route("/wms", withFaults(wms));
-    service.route("/tiles/", withFaults(xyz("/tiles/", "normal", false)));
-    service.route("/overlay/", withFaults(xyz("/overlay/", "iconstransp", false)));
-    service.route("/tms/", withFaults(xyz("/tms/", "normal", true)));
+    service.route("/tiles/", withFaults(xyz(service, "/tiles/", "normal", false)));
+    service.route("/overlay/", withFaults(xyz(service, "/overlay/", "iconstransp", false)));
+    service.route("/tms/", withFaults(xyz(service, "/tms/", "normal", true)));
     service.route("/data/", withFaults(data));
 }
 

@@ -22,7 +22,7 @@ namespace mapview {
 
 void classStartUp() {
     std::string version = Bundle::kit().infoValue("CFBundleShortVersionString").value_or("");
-    log::writef("Sorvan Map SDK v%s by Tervane Technology Co. Ltd.", version.c_str());
+    log::info("Sorvan Map SDK v%s by Tervane Technology Co. Ltd.", version.c_str());
 
     // Only a stored version that differs empties the response cache. A first run stores
     // nothing: a fresh installation keeps no "cacheVersion" until the host or an earlier

@@ -48,5 +48,30 @@ TEST_F(MapServerRoute, ServesThePartnerTrafficAndBoxPathsAndRefusesBadAddresses)
     EXPECT_EQ(failing.status(), 503);
 }
 
+TEST_F(MapServerRoute, TilesCarryTheirStampOnlyWhenAsked) {
+    const std::string tile =
+        "/map/msn-server/img.php?mode=normal&res=4096&imgid=7148049596242115&key=test";
+    auto plain = paintTile("normal", 12, 3191, 1889);
+    auto stamped = paintTile("normal", 12, 3191, 1889, true);
+    ASSERT_NE(plain->pixels(), stamped->pixels());
+
+    auto pixelsOf = [&](const std::string& pathAndQuery) {
+        auto image = decode(sorvan::testing::fetch(url(pathAndQuery)));
+        return image ? image->pixels() : std::vector<std::uint32_t>{};
+    };
+    EXPECT_EQ(pixelsOf(tile), plain->pixels());
+    EXPECT_EQ(pixelsOf(tile + "&stamp=1"), stamped->pixels());
+    EXPECT_EQ(pixelsOf(tile + "&stamp=0"), plain->pixels());
+    EXPECT_EQ(pixelsOf("/tiles/12/3191/1889.png?stamp=1"), stamped->pixels());
+    EXPECT_EQ(pixelsOf("/tiles/12/3191/1889.png"), plain->pixels());
+
+    // The whole service stamps, as `sorvan serve --stamp` asks; WMS boxes never.
+    service().setStampTiles(true);
+    EXPECT_EQ(pixelsOf(tile), stamped->pixels());
+    EXPECT_EQ(pixelsOf("/tiles/12/3191/1889.png"), stamped->pixels());
+    service().setStampTiles(false);
+    EXPECT_EQ(pixelsOf(tile), plain->pixels());
+}
+
 }  // namespace
 }  // namespace sorvan::server

@@ -11,7 +11,11 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
+#include "sorvan/platform/graphics/image.hpp"
 #include "support/service_harness.hpp"
+#include "tile_painter.hpp"
 
 extern char** environ;
 
@@ -93,6 +97,29 @@ TEST(ServeCommand, ListensOnTheGivenPortAndRejectsBadOnes) {
         EXPECT_EQ(exitStatus(rejected.pid), 2) << bad;
         std::fclose(rejected.out);
     }
+}
+
+TEST(ServeCommand, StampsEveryTileAndPrintsItsOriginAsJSONWhenAsked) {
+    Child child = spawnServe({"--stamp", "--json", "-q"});
+    char line[256] = {};
+    ASSERT_NE(std::fgets(line, sizeof line, child.out), nullptr);
+    auto first = nlohmann::json::parse(line, nullptr, false);
+    ASSERT_TRUE(first.is_object()) << line;
+    EXPECT_EQ(first.size(), 2u);
+    std::string origin = first.value("origin", "");
+    EXPECT_EQ(origin, "http://127.0.0.1:" + std::to_string(first.value("port", -1)));
+
+    auto tile = sorvan::testing::fetch(*net::URL::fromString(
+        origin + "/map/msn-server/img.php?mode=normal&res=4096&imgid=7148049596242115"));
+    std::string body = tile.body();
+    auto image = gfx::Image::fromData(
+        std::span(reinterpret_cast<const std::uint8_t*>(body.data()), body.size()));
+    ASSERT_NE(image, nullptr);
+    EXPECT_EQ(image->pixels(), paintTile("normal", 12, 3191, 1889, true)->pixels());
+
+    ::kill(child.pid, SIGTERM);
+    EXPECT_EQ(exitStatus(child.pid), 0);
+    std::fclose(child.out);
 }
 
 }  // namespace

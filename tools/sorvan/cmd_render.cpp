@@ -1,6 +1,8 @@
 // `sorvan render`: draws a map headless through SorvanMapView into a PNG, against the
 // configured service (SORVAN_SERVICE_ORIGIN points every service at one origin).
-#include <cerrno>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -18,9 +20,14 @@
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "command.hpp"
+#include "foundation/number_text.hpp"
 #include "geodesy_input.hpp"
+#include "options.hpp"
+#include "progress.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
+#include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
+#include "sorvan/platform/foundation/url_session.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan::cli {
@@ -56,86 +63,6 @@ constexpr ModeName kModes[] = {
     {"white", SMLayerModeWhiteBackground, "opaque white under the layers above"},
     {"none", SMLayerModeNone, "nothing"},
 };
-
-void printHelp() {
-    std::printf(
-        "usage: sorvan render --center LAT,LON --zoom Z --size WxH --layers MODE[,MODE...]\n"
-        "                     -o FILE [options]\n\n"
-        "Draws a map headless through SorvanMapView into a PNG, with the tiles of the\n"
-        "configured Sorvan service (point SORVAN_SERVICE_ORIGIN at `sorvan serve` to work\n"
-        "offline).\n\n"
-        "required:\n"
-        "  --center LAT,LON     centre of the map in degrees, e.g. 13.7563,100.5018\n"
-        "  --zoom Z             zoom level, 0 to 20 (fractions allowed)\n"
-        "  --size WxH           size of the view in points, e.g. 1024x768\n"
-        "  --layers MODES       comma-separated layer modes, bottom first (names or numbers,\n"
-        "                       see below); layers are stacked into one composed tile layer,\n"
-        "                       a traffic layer is drawn on top on its own\n"
-        "  -o, --output FILE    the PNG to write\n\n"
-        "options:\n"
-        "  --scale S            pixels per point: 1, 2 or 3 (default 1); the PNG is\n"
-        "                       W*S x H*S pixels\n"
-        "  --lang en|th         language of map labels (default th)\n"
-        "  --key KEY            the service key (default: $SORVAN_KEY)\n"
-        "  --no-cache           neither read nor write the tile disk cache\n"
-        "  --wms URL            add a WMS 1.1.1 layer above the others (URL up to the query)\n"
-        "  --wms-format 4|5     its projection: 4 = EPSG:4326, 5 = EPSG:3857 (default 5)\n"
-        "  --template URL       add an {x}/{y}/{z} template layer above the others\n"
-        "  --template-format F  0 or 1 = rows from the north, 2 = TMS rows from the south\n"
-        "  --route FROM:TO      draw the route between two positions over the map, e.g.\n"
-        "                       13.7563,100.5018:13.7246,100.5294 (asked of the routing\n"
-        "                       service; steps are drawn as a blue line)\n"
-        "  --search KEYWORD     put a pin on each hit of a search near the centre (asked of\n"
-        "                       the search service; at most 10 hits)\n"
-        "  --png-level N        zlib level of the PNG, 0 to 9 (default 1: fast, about a\n"
-        "                       tenth larger than 6)\n"
-        "  --timeout SECONDS    how long to wait for tiles (default 60)\n"
-        "  --partial            write the PNG even when some tiles failed\n"
-        "  --verbose            print the kit's log lines as they come\n\n"
-        "layer modes:\n");
-    for (const auto& m : kModes) {
-        std::printf("  %2lld  %-22s %s\n", static_cast<long long>(m.mode), m.name, m.what);
-    }
-    std::printf(
-        "      server:NAME            (20) a map-server layer asked for by its mode name\n\n"
-        "environment:\n"
-        "  SORVAN_SERVICE_ORIGIN  scheme://host:port of the service, e.g. http://127.0.0.1:8080\n"
-        "  SORVAN_KEY             the service key, when --key is not given\n"
-        "  SORVAN_HOME            where the tile disk cache and preferences live\n\n"
-        "exit status: 0 written; 1 tiles failed, timed out or the file could not be written,\n"
-        "or the route or search failed; 2 bad arguments\n\n"
-        "example:\n"
-        "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
-        "      --layers normal,icons,traffic -o bangkok.png\n"
-        "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 --layers normal \\\n"
-        "      --route 13.7563,100.5018:13.7246,100.5294 --search temple -o route.png\n");
-}
-
-std::optional<double> parseNumber(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    errno = 0;
-    char* end = nullptr;
-    double v = std::strtod(text.c_str(), &end);
-    if (errno != 0 || end != text.c_str() + text.size() || !std::isfinite(v)) {
-        return std::nullopt;
-    }
-    return v;
-}
-
-std::optional<std::int64_t> parseInteger(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    errno = 0;
-    char* end = nullptr;
-    long long v = std::strtoll(text.c_str(), &end, 10);
-    if (errno != 0 || end != text.c_str() + text.size()) {
-        return std::nullopt;
-    }
-    return v;
-}
 
 std::vector<std::string> split(const std::string& text, char separator) {
     std::vector<std::string> parts;
@@ -175,7 +102,7 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
             return withNaturalRange(SMLayer::create(m.mode));
         }
     }
-    if (auto number = parseInteger(text)) {
+    if (auto number = text::parseInteger(text)) {
         if (*number == SMLayerModeServerLayer || *number == SMLayerModeCustom) {
             error = "layer mode " + text + " needs a source: use server:NAME, --template or --wms";
             return std::nullopt;
@@ -190,201 +117,17 @@ std::optional<std::shared_ptr<SMLayer>> parseLayer(const std::string& text, std:
     return std::nullopt;
 }
 
-struct Options {
-    map::Coordinate center;
-    double zoom = 0;
-    double width = 0, height = 0;
-    double scale = 1;
-    std::vector<std::shared_ptr<SMLayer>> layers;
-    std::int64_t language = 0;
-    std::string key;
-    bool noCache = false;
-    std::string wms;
-    std::int64_t wmsFormat = SMTileFormatWMS3857;
-    std::string templateURL;
-    std::int64_t templateFormat = SMTileFormatDefault;
-    double timeout = 60;
-    // A map is flat colour: level 1 is about a tenth larger than level 6 and more than twice
-    // as fast to write, and a 2048 x 2048 picture spends more time in the encoder than in
-    // fetching its tiles. Hosts that keep the picture long can ask for 9.
-    int pngLevel = 1;
-    bool partial = false;
-    bool verbose = false;
-    std::optional<std::pair<map::Coordinate, map::Coordinate>> route;
-    std::string search;
-    std::string output;
-};
-
-// Returns 0 when the arguments are complete, else the usage error's status (printed).
-int parseArguments(const std::vector<std::string>& args, Options& o, bool& helpOnly) {
-    bool haveCenter = false, haveZoom = false, haveSize = false, haveLayers = false;
-    bool haveWmsFormat = false, haveTemplateFormat = false;
-    if (const char* key = std::getenv("SORVAN_KEY")) {
-        o.key = key;
-    }
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& a = args[i];
-        auto value = [&](std::string& out) {
-            if (i + 1 >= args.size()) {
-                return false;
-            }
-            out = args[++i];
-            return true;
-        };
-        std::string v;
-        if (a == "--help" || a == "-h") {
-            helpOnly = true;
-            return 0;
-        }
-        if (a == "--no-cache") {
-            o.noCache = true;
-            continue;
-        }
-        if (a == "--partial") {
-            o.partial = true;
-            continue;
-        }
-        if (a == "--verbose") {
-            o.verbose = true;
-            continue;
-        }
-        if (a.rfind("-", 0) != 0) {
-            return usageError(kName, "unexpected argument '" + a + "'");
-        }
-        if (!value(v)) {
-            return usageError(kName, "option " + a + " needs a value");
-        }
-        if (a == "--center") {
-            auto parts = split(v, ',');
-            auto lat = parts.size() == 2 ? parseNumber(parts[0]) : std::nullopt;
-            auto lon = parts.size() == 2 ? parseNumber(parts[1]) : std::nullopt;
-            if (!lat || !lon || std::abs(*lat) > 85.05 || std::abs(*lon) > 180) {
-                return usageError(kName,
-                                  "--center wants LAT,LON in degrees (latitude within "
-                                  "+-85.05, longitude within +-180), got '" +
-                                      v + "'");
-            }
-            o.center = {*lat, *lon};
-            haveCenter = true;
-        } else if (a == "--zoom") {
-            auto z = parseNumber(v);
-            if (!z || *z < 0 || *z > 20) {
-                return usageError(kName, "--zoom wants a number from 0 to 20, got '" + v + "'");
-            }
-            o.zoom = *z;
-            haveZoom = true;
-        } else if (a == "--size") {
-            auto parts = split(v, 'x');
-            auto w = parts.size() == 2 ? parseInteger(parts[0]) : std::nullopt;
-            auto h = parts.size() == 2 ? parseInteger(parts[1]) : std::nullopt;
-            if (!w || !h || *w < 1 || *h < 1 || *w > 8192 || *h > 8192) {
-                return usageError(kName,
-                                  "--size wants WxH in points, 1 to 8192 each, got '" + v + "'");
-            }
-            o.width = static_cast<double>(*w);
-            o.height = static_cast<double>(*h);
-            haveSize = true;
-        } else if (a == "--scale") {
-            auto s = parseNumber(v);
-            if (!s || (*s != 1 && *s != 2 && *s != 3)) {
-                return usageError(kName, "--scale wants 1, 2 or 3, got '" + v + "'");
-            }
-            o.scale = *s;
-        } else if (a == "--layers") {
-            o.layers.clear();
-            for (const auto& part : split(v, ',')) {
-                std::string error;
-                auto layer = parseLayer(part, error);
-                if (!layer) {
-                    return usageError(kName, error);
-                }
-                o.layers.push_back(*layer);
-            }
-            haveLayers = true;
-        } else if (a == "--lang") {
-            if (v != "en" && v != "th") {
-                return usageError(kName, "--lang wants en or th, got '" + v + "'");
-            }
-            o.language = v == "en" ? 2 : 0;
-        } else if (a == "--key") {
-            o.key = v;
-        } else if (a == "--wms") {
-            o.wms = v;
-        } else if (a == "--wms-format") {
-            if (v != "4" && v != "5") {
-                return usageError(kName, "--wms-format wants 4 (EPSG:4326) or 5 (EPSG:3857)");
-            }
-            o.wmsFormat = v == "4" ? SMTileFormatWMS4326 : SMTileFormatWMS3857;
-            haveWmsFormat = true;
-        } else if (a == "--template") {
-            o.templateURL = v;
-        } else if (a == "--template-format") {
-            if (v != "0" && v != "1" && v != "2") {
-                return usageError(kName, "--template-format wants 0, 1 or 2");
-            }
-            o.templateFormat = v[0] - '0';
-            haveTemplateFormat = true;
-        } else if (a == "--png-level") {
-            auto level = parseInteger(v);
-            if (!level || *level < 0 || *level > 9) {
-                return usageError(kName, "--png-level wants 0 to 9, got '" + v + "'");
-            }
-            o.pngLevel = static_cast<int>(*level);
-        } else if (a == "--timeout") {
-            auto t = parseNumber(v);
-            if (!t || *t <= 0) {
-                return usageError(kName, "--timeout wants a positive number of seconds");
-            }
-            o.timeout = *t;
-        } else if (a == "--route") {
-            auto ends = split(v, ':');
-            std::string error;
-            auto from = ends.size() == 2 ? parseCoordinate(ends[0], error) : std::nullopt;
-            auto to = from ? parseCoordinate(ends[1], error) : std::nullopt;
-            if (!to) {
-                return usageError(kName, "--route wants FROM_LAT,FROM_LON:TO_LAT,TO_LON, got '" +
-                                             v + "'" + (error.empty() ? "" : ": " + error));
-            }
-            o.route = std::pair{*from, *to};
-        } else if (a == "--search") {
-            if (v.empty()) {
-                return usageError(kName, "--search wants a keyword");
-            }
-            o.search = v;
-        } else if (a == "-o" || a == "--output") {
-            o.output = v;
-        } else {
-            return usageError(kName, "unknown option " + a);
-        }
-    }
-    if (haveWmsFormat && o.wms.empty()) {
-        return usageError(kName, "--wms-format needs --wms");
-    }
-    if (haveTemplateFormat && o.templateURL.empty()) {
-        return usageError(kName, "--template-format needs --template");
-    }
-    if (!haveLayers && (!o.wms.empty() || !o.templateURL.empty())) {
-        haveLayers = true;  // a WMS or template layer alone is a map too
-    }
-    std::string missing;
-    for (auto [have, name] : {std::pair{haveCenter, "--center"}, std::pair{haveZoom, "--zoom"},
-                              std::pair{haveSize, "--size"}, std::pair{haveLayers, "--layers"},
-                              std::pair{!o.output.empty(), "-o"}}) {
-        if (!have) {
-            missing += missing.empty() ? name : std::string(", ") + name;
-        }
-    }
-    if (!missing.empty()) {
-        return usageError(kName, "missing " + missing);
-    }
-    return 0;
-}
-
-// Collects the kit's log lines (tile threads write them too).
+// Collects the kit's log lines (tile threads write them too): the tile failures for the
+// summary, and, with --verbose, each line the chosen level lets through as it comes.
 class LogCollector {
   public:
-    explicit LogCollector(bool echo) : echo_(echo) {
-        previous_ = log::setSink([this](std::string_view line) { add(line); });
+    LogCollector(bool echo, log::Level shown) : echo_(echo), shown_(shown) {
+        // Failure lines must reach the summary whatever the user chose to see.
+        if (static_cast<int>(log::level()) < static_cast<int>(log::Level::error)) {
+            log::setLevel(log::Level::error);
+        }
+        previous_ =
+            log::setSink([this](log::Level level, std::string_view line) { add(level, line); });
     }
     ~LogCollector() { log::setSink(std::move(previous_)); }
     LogCollector(const LogCollector&) = delete;
@@ -394,19 +137,24 @@ class LogCollector {
         std::lock_guard lock(mutex_);
         return tileErrors_;
     }
+    std::size_t tileErrorCount() const {
+        std::lock_guard lock(mutex_);
+        return tileErrors_.size();
+    }
 
   private:
-    void add(std::string_view line) {
+    void add(log::Level level, std::string_view line) {
         std::lock_guard lock(mutex_);
         if (line.rfind("TILE ERROR: ", 0) == 0) {
             tileErrors_.emplace_back(line);
         }
-        if (echo_) {
+        if (echo_ && static_cast<int>(level) <= static_cast<int>(shown_)) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
         }
     }
 
-    bool echo_;
+    const bool echo_;
+    const log::Level shown_;
     log::Sink previous_;
     mutable std::mutex mutex_;
     std::vector<std::string> tileErrors_;
@@ -468,6 +216,8 @@ std::optional<std::string> awaitCall(const std::shared_ptr<CallOutcome>& outcome
         return std::string("no answer from the ") + service + " service after " +
                formatSeconds(timeout) + " s";
     }
+    // The kit's failure line follows the block on the same session task (see awaitAnswer).
+    net::URLSession::shared().delegateQueue().sync([] {});
     if (!outcome->error.empty()) {
         return outcome->error;
     }
@@ -534,89 +284,327 @@ std::optional<std::string> drawSearchHits(const std::shared_ptr<SorvanMapView>& 
     return problem;
 }
 
-int run(const std::vector<std::string>& args) {
-    Options o;
-    bool helpOnly = false;
-    if (int status = parseArguments(args, o, helpOnly); status != 0) {
-        return status;
+struct RenderOptions {
+    std::optional<map::Coordinate> center;
+    std::optional<double> zoom;
+    double width = 0, height = 0;
+    double scale = 1;
+    std::optional<std::vector<std::shared_ptr<SMLayer>>> layers;
+    ServiceSettings service;
+    bool noCache = false;
+    std::string wms;
+    std::string wmsFormat;  // "4" or "5"; empty when not given
+    std::string templateURL;
+    std::string templateFormat;  // "0" to "2"; empty when not given
+    double timeout = 60;
+    // A map is flat colour: level 1 is about a tenth larger than level 6 and more than twice
+    // as fast to write, and a 2048 x 2048 picture spends more time in the encoder than in
+    // fetching its tiles. Hosts that keep the picture long can ask for 9.
+    std::int64_t pngLevel = 1;
+    bool partial = false;
+    bool verbose = false;
+    std::optional<std::pair<map::Coordinate, map::Coordinate>> route;
+    std::string search;
+    std::string output;
+    bool toStandardOutput() const { return output == "-"; }
+};
+
+std::string layerModesHelp() {
+    std::string out = "layer modes (names or numbers):\n";
+    for (const auto& m : kModes) {
+        out += strformat("  %2lld  %-22s %s\n", static_cast<long long>(m.mode), m.name, m.what);
     }
-    if (helpOnly) {
-        printHelp();
-        return 0;
+    out +=
+        "      server:NAME            (20) a map-server layer asked for by its mode name\n\n"
+        "examples:\n"
+        "  sorvan render --center 13.7563,100.5018 --zoom 14 --size 1024x768 \\\n"
+        "      --layers normal,icons,traffic -o bangkok.png\n"
+        "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 \\\n"
+        "      --layers normal --route 13.7563,100.5018:13.7246,100.5294 \\\n"
+        "      --search temple -o - > route.png";
+    return out;
+}
+
+void declareOptions(CLI::App& app, const std::shared_ptr<RenderOptions>& o) {
+    app.add_option_function<std::string>(
+           "--center",
+           [o](const std::string& v) {
+               std::string error;
+               auto at = parseCoordinate(v, error);
+               if (!at || std::abs(at->latitude) > 85.05) {
+                   throw CLI::ValidationError(
+                       "--center wants LAT,LON in degrees (latitude within +-85.05, longitude "
+                       "within +-180), got '" +
+                       v + "'");
+               }
+               o->center = at;
+           },
+           "centre of the map in degrees, e.g. 13.7563,100.5018 (required)")
+        ->type_name("LAT,LON");
+    app.add_option_function<std::string>(
+           "--zoom",
+           [o](const std::string& v) {
+               auto z = text::parseDouble(v);
+               if (!z || *z < 0 || *z > 20) {
+                   throw CLI::ValidationError("--zoom wants a number from 0 to 20, got '" + v +
+                                              "'");
+               }
+               o->zoom = z;
+           },
+           "zoom level, 0 to 20, fractions allowed (required)")
+        ->type_name("Z");
+    app.add_option_function<std::string>(
+           "--size",
+           [o](const std::string& v) {
+               auto parts = split(v, 'x');
+               auto w = parts.size() == 2 ? text::parseInteger(parts[0], 1, 8192) : std::nullopt;
+               auto h = parts.size() == 2 ? text::parseInteger(parts[1], 1, 8192) : std::nullopt;
+               if (!w || !h) {
+                   throw CLI::ValidationError("--size wants WxH in points, 1 to 8192 each, got '" +
+                                              v + "'");
+               }
+               o->width = static_cast<double>(*w);
+               o->height = static_cast<double>(*h);
+           },
+           "size of the view in points, e.g. 1024x768 (required)")
+        ->type_name("WxH");
+    app.add_option_function<std::string>(
+           "--layers",
+           [o](const std::string& v) {
+               std::vector<std::shared_ptr<SMLayer>> layers;
+               for (const auto& part : split(v, ',')) {
+                   std::string error;
+                   auto layer = parseLayer(part, error);
+                   if (!layer) {
+                       throw CLI::ValidationError(error);
+                   }
+                   layers.push_back(*layer);
+               }
+               o->layers = std::move(layers);
+           },
+           "layer modes, bottom first, comma-separated (see below); they are stacked into\n"
+           "one composed tile layer, a traffic layer is drawn on top on its own (required\n"
+           "unless --wms or --template gives a layer)")
+        ->type_name("MODES");
+    app.add_option("-o,--output", o->output, "the PNG to write; - writes it to standard output")
+        ->type_name("FILE");
+    app.add_option_function<std::string>(
+           "--scale",
+           [o](const std::string& v) {
+               auto s = text::parseDouble(v);
+               if (!s || (*s != 1 && *s != 2 && *s != 3)) {
+                   throw CLI::ValidationError("--scale wants 1, 2 or 3, got '" + v + "'");
+               }
+               o->scale = *s;
+           },
+           "pixels per point: 1, 2 or 3 (default 1); the PNG is W*S x H*S pixels")
+        ->type_name("S");
+    addServiceSettings(app, o->service, "language of map labels (default th)");
+    app.add_flag("--no-cache", o->noCache, "neither read nor write the tile disk cache");
+    app.add_option("--wms", o->wms, "add a WMS 1.1.1 layer above the others (URL up to the query)")
+        ->type_name("URL");
+    addChoice(app, "--wms-format", o->wmsFormat, {"4", "5"},
+              "its projection: 4 = EPSG:4326, 5 = EPSG:3857 (default 5)");
+    app.add_option("--template", o->templateURL,
+                   "add an {x}/{y}/{z} template layer above the others")
+        ->type_name("URL");
+    addChoice(app, "--template-format", o->templateFormat, {"0", "1", "2"},
+              "0 or 1 = rows from the north, 2 = TMS rows from the south");
+    app.add_option_function<std::string>(
+           "--route",
+           [o](const std::string& v) {
+               auto ends = split(v, ':');
+               std::string error;
+               auto from = ends.size() == 2 ? parseCoordinate(ends[0], error) : std::nullopt;
+               auto to = from ? parseCoordinate(ends[1], error) : std::nullopt;
+               if (!to) {
+                   throw CLI::ValidationError(
+                       "--route wants FROM_LAT,FROM_LON:TO_LAT,TO_LON, got '" + v + "'" +
+                       (error.empty() ? "" : ": " + error));
+               }
+               o->route = std::pair{*from, *to};
+           },
+           "draw the route between two positions over the map, e.g.\n"
+           "13.7563,100.5018:13.7246,100.5294 (asked of the routing service; steps are\n"
+           "drawn as a blue line)")
+        ->type_name("FROM:TO");
+    app.add_option_function<std::string>(
+           "--search",
+           [o](const std::string& v) {
+               if (v.empty()) {
+                   throw CLI::ValidationError("--search wants a keyword");
+               }
+               o->search = v;
+           },
+           "put a pin on each hit of a search near the centre (asked of the search\n"
+           "service; at most 10 hits)")
+        ->type_name("KEYWORD");
+    addInteger(app, "--png-level", o->pngLevel,
+               "zlib level of the PNG, 0 to 9 (default 1: fast, about a tenth larger than 6)", 0,
+               9);
+    app.add_option_function<std::string>(
+           "--timeout",
+           [o](const std::string& v) {
+               auto t = text::parseDouble(v);
+               if (!t || *t <= 0) {
+                   throw CLI::ValidationError(
+                       "--timeout wants a positive number of seconds, got '" + v + "'");
+               }
+               o->timeout = *t;
+           },
+           "how long to wait for tiles (default 60)")
+        ->type_name("SECONDS");
+    app.add_flag("--partial", o->partial, "write the PNG even when some tiles failed");
+    app.add_flag("--verbose", o->verbose,
+                 "print the kit's log lines as they come (info and above unless SORVAN_LOG\n"
+                 "says otherwise) and how long each step took");
+}
+
+// What the options leave to check together; nullopt when they make a whole request.
+std::optional<std::string> incomplete(const RenderOptions& o) {
+    if (!o.wmsFormat.empty() && o.wms.empty()) {
+        return "--wms-format needs --wms";
+    }
+    if (!o.templateFormat.empty() && o.templateURL.empty()) {
+        return "--template-format needs --template";
+    }
+    // A WMS or template layer alone is a map too.
+    bool haveLayers = o.layers || !o.wms.empty() || !o.templateURL.empty();
+    std::string missing;
+    for (auto [have, name] :
+         {std::pair{o.center.has_value(), "--center"}, std::pair{o.zoom.has_value(), "--zoom"},
+          std::pair{o.width > 0, "--size"}, std::pair{haveLayers, "--layers"},
+          std::pair{!o.output.empty(), "-o"}}) {
+        if (!have) {
+            missing += missing.empty() ? name : std::string(", ") + name;
+        }
+    }
+    if (!missing.empty()) {
+        return "missing " + missing;
     }
     // A template is checked with its placeholders filled, as the tile loader will fill them.
     for (const auto& url : {o.wms, o.templateURL}) {
         if (!url.empty() && !net::URL::fromString(withPlaceholdersFilled(url))) {
-            return usageError(kName, "'" + url + "' forms no URL");
+            return "'" + url + "' forms no URL";
         }
     }
+    if (o.toStandardOutput() && ::isatty(STDOUT_FILENO) == 1) {
+        return "-o - writes the PNG to standard output, which is a terminal here; redirect it "
+               "or name a file";
+    }
+    return std::nullopt;
+}
 
-    LogCollector logs(o.verbose);
-    auto started = std::chrono::steady_clock::now();
-    auto millisecondsSince = [](std::chrono::steady_clock::time_point t) {
-        return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - t)
-            .count();
+bool writeOutput(const gfx::Image& image, const RenderOptions& o) {
+    gfx::PNGOptions png{static_cast<int>(o.pngLevel), gfx::PNGOptions::Filter::Default};
+    if (!o.toStandardOutput()) {
+        return image.writePNG(o.output, png);
+    }
+    std::vector<std::uint8_t> bytes = image.pngData(png);
+    return !bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() &&
+           std::fflush(stdout) == 0;
+}
+
+int render(const RenderOptions& o, const Context& context) {
+    using Clock = std::chrono::steady_clock;
+    const std::string& name = context.name;
+    if (auto problem = incomplete(o)) {
+        return usageError(name, *problem);
+    }
+    bool verbose = o.verbose && !context.quiet;
+    const char* chosen = std::getenv("SORVAN_LOG");
+    if (verbose && (chosen == nullptr || *chosen == '\0')) {
+        log::setLevel(log::Level::info);
+    }
+    LogCollector logs(verbose, log::level());
+    const std::string outputName = o.toStandardOutput() ? "standard output" : "'" + o.output + "'";
+
+    // The progress line, when shown, is cleared before anything else is printed.
+    std::string phase;
+    ProgressLine progress(verbose ? Context{name, true} : context, [&](double seconds) {
+        std::string status = strformat("%s, %.0f s", phase.c_str(), seconds);
+        if (std::size_t failed = logs.tileErrorCount()) {
+            status += strformat(" (%zu tile request(s) failed)", failed);
+        }
+        return status;
+    });
+    auto leave = [&progress](int status) {
+        progress.finish();
+        return leaveWithoutWaiting(status);
+    };
+
+    auto started = Clock::now();
+    auto millisecondsSince = [](Clock::time_point t) {
+        return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
     };
     auto view = SorvanMapView::create({0, 0, o.width, o.height});
     view->setScreenScale(o.scale);
-    view->setKey(o.key);
+    view->setKey(o.service.effectiveKey());
     view->setCache(o.noCache ? 2 : 1);
-    view->setLanguage(o.language);
+    view->setLanguage(o.service.language());
 
     // The view's zoom is log2(bounds width / visible map width) + 20: set the visible map
     // rect for exactly the zoom asked, rather than the animated fit of setZoomLevel.
-    map::MapPoint c = map::mapPointForCoordinate(o.center);
-    double mapWidth = o.width * std::exp2(20.0 - o.zoom);
-    double mapHeight = o.height * std::exp2(20.0 - o.zoom);
+    map::MapPoint c = map::mapPointForCoordinate(*o.center);
+    double mapWidth = o.width * std::exp2(20.0 - *o.zoom);
+    double mapHeight = o.height * std::exp2(20.0 - *o.zoom);
     view->setVisibleMapRect({{c.x - mapWidth / 2, c.y - mapHeight / 2}, {mapWidth, mapHeight}});
 
-    std::vector<std::shared_ptr<SMLayer>> layers = o.layers;
+    std::vector<std::shared_ptr<SMLayer>> layers =
+        o.layers.value_or(std::vector<std::shared_ptr<SMLayer>>{});
     if (!o.wms.empty()) {
         auto layer = SMLayer::create(SMLayerModeCustom);
         layer->setSourceLayer(o.wms);
-        layer->setTileFormat(o.wmsFormat);
+        layer->setTileFormat(o.wmsFormat == "4" ? SMTileFormatWMS4326 : SMTileFormatWMS3857);
         layers.push_back(layer);
     }
     if (!o.templateURL.empty()) {
         auto layer = SMLayer::create(SMLayerModeCustom);
         layer->setSourceLayer(o.templateURL);
-        layer->setTileFormat(o.templateFormat);
+        layer->setTileFormat(o.templateFormat.empty() ? SMTileFormatDefault
+                                                      : o.templateFormat[0] - '0');
         layers.push_back(layer);
     }
     // Layers of the catalogue reach zoom 20 only; a custom range is the host's business.
     view->addSMLayers(layers);
 
     if (o.route) {
+        phase = "asking the routing service";
         std::size_t steps = 0;
         if (auto problem = drawRoute(view, o.route->first, o.route->second, o.timeout, steps)) {
-            return leaveWithoutWaiting(failure(kName, *problem));
+            progress.finish();
+            return leave(failure(name, *problem));
         }
-        if (o.verbose) {
+        if (verbose) {
             std::fprintf(stderr, "sorvan render: route of %zu step(s) added\n", steps);
         }
     }
     if (!o.search.empty()) {
+        phase = "asking the search service";
         std::size_t hits = 0;
-        if (auto problem = drawSearchHits(view, o.search, o.center, o.timeout, hits)) {
-            return leaveWithoutWaiting(failure(kName, *problem));
+        if (auto problem = drawSearchHits(view, o.search, *o.center, o.timeout, hits)) {
+            progress.finish();
+            return leave(failure(name, *problem));
         }
         if (hits == 0) {
-            std::fprintf(stderr, "sorvan render: warning: no search hits for '%s'\n",
-                         o.search.c_str());
-        } else if (o.verbose) {
+            progress.finish();
+            warn(context, "no search hits for '" + o.search + "'");
+        } else if (verbose) {
             std::fprintf(stderr, "sorvan render: %zu search hit(s) added\n", hits);
         }
     }
 
-    auto drawing = std::chrono::steady_clock::now();
+    phase = "waiting for tiles";
+    auto drawing = Clock::now();
     std::shared_ptr<gfx::Image> image = view->render(std::chrono::duration<double>(o.timeout));
-    if (o.verbose) {
+    progress.finish();
+    if (verbose) {
         std::fprintf(stderr, "sorvan render: set up in %.1f ms, drawn in %.1f ms\n",
                      std::chrono::duration<double, std::milli>(drawing - started).count(),
                      millisecondsSince(drawing));
     }
     if (!image) {
-        return failure(kName, "the map could not be drawn");
+        return failure(name, "the map could not be drawn");
     }
 
     std::vector<std::string> errors = logs.tileErrors();
@@ -624,21 +612,21 @@ int run(const std::vector<std::string>& args) {
     if (!o.partial) {
         std::string origin = ServiceConfig::current().mapServer;
         if (timedOut) {
-            return leaveWithoutWaiting(
-                failure(kName, "tiles were still loading after " + formatSeconds(o.timeout) +
-                                   " s (map service: " + origin +
-                                   "; a slow or hung service? raise --timeout, or use --partial to "
-                                   "write what arrived)"));
+            return leave(failure(
+                name, "tiles were still loading after " + formatSeconds(o.timeout) +
+                          " s (map service: " + origin +
+                          "; a slow or hung service? raise --timeout, or use --partial to write "
+                          "what arrived)"));
         }
         if (!errors.empty()) {
-            return failure(kName, std::to_string(errors.size()) +
-                                      " tile request(s) failed; the first: " + errors.front() +
-                                      "\n(map service: " + origin +
-                                      "; set SORVAN_SERVICE_ORIGIN, or use --partial to write "
-                                      "the picture anyway)");
+            return failure(name, std::to_string(errors.size()) +
+                                     " tile request(s) failed; the first: " + errors.front() +
+                                     "\n(map service: " + origin +
+                                     "; set SORVAN_SERVICE_ORIGIN, or use --partial to write "
+                                     "the picture anyway)");
         }
         if (isUniform(*image)) {
-            return failure(kName,
+            return failure(name,
                            "the map came out blank: no layer answered with a picture "
                            "(map service: " +
                                origin +
@@ -646,22 +634,37 @@ int run(const std::vector<std::string>& args) {
                                "modes, or use --partial to write it anyway)");
         }
     } else if (!errors.empty()) {
-        std::fprintf(stderr, "sorvan render: warning: %zu tile request(s) failed; the first: %s\n",
-                     errors.size(), errors.front().c_str());
+        warn(context, std::to_string(errors.size()) +
+                          " tile request(s) failed; the first: " + errors.front());
     }
-    auto writing = std::chrono::steady_clock::now();
-    if (!image->writePNG(o.output, {o.pngLevel, gfx::PNGOptions::Filter::Default})) {
-        return failure(kName, "cannot write '" + o.output + "'");
+    auto writing = Clock::now();
+    if (!writeOutput(*image, o)) {
+        return failure(name, "cannot write the PNG to " + outputName);
     }
-    if (o.verbose) {
-        std::fprintf(stderr, "sorvan render: %s written in %.1f ms\n", o.output.c_str(),
+    if (verbose) {
+        std::fprintf(stderr, "sorvan render: %s written in %.1f ms\n", outputName.c_str(),
                      millisecondsSince(writing));
     }
-    return timedOut ? leaveWithoutWaiting(0) : 0;
+    return timedOut ? leave(kSuccess) : kSuccess;
 }
 
-Command::Registration registration{
-    {kName, "draw a map headless into a PNG (layers, WMS, templates, traffic)", run}};
+Runner setupRender(CLI::App& app) {
+    app.description(
+        "Draws a map headless through SorvanMapView into a PNG, with the tiles of the\n"
+        "configured Sorvan service (point SORVAN_SERVICE_ORIGIN at `sorvan serve` to work\n"
+        "offline). Needs --center, --zoom, --size, --layers and -o. On a terminal, a render\n"
+        "that takes a while shows its progress on stderr.");
+    app.footer(layerModesHelp());
+    auto o = std::make_shared<RenderOptions>();
+    declareOptions(app, o);
+    return [o](const Context& context) { return render(*o, context); };
+}
+
+const Command::Registration registration{
+    {kName, "draw a map headless into a PNG (layers, WMS, templates, traffic)",
+     "tiles failed or timed out, the map came out blank, the route or search failed, or "
+     "the PNG could not be written",
+     setupRender}};
 
 }  // namespace
 }  // namespace sorvan::cli

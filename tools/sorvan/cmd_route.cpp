@@ -1,5 +1,6 @@
 // `sorvan route`: a route between two positions from the routing service: its figures and
 // turn-by-turn steps as a table, or everything (with each step's path) as JSON.
+#include <CLI/CLI.hpp>
 #include <cmath>
 #include <cstdio>
 #include <memory>
@@ -13,37 +14,13 @@
 #include "SorvanMapSDK/SMRouteOptions.hpp"
 #include "SorvanMapSDK/SMRouteResult.hpp"
 #include "command.hpp"
-#include "geodesy_input.hpp"
+#include "options.hpp"
 #include "service_cli.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 
 namespace sorvan::cli {
 namespace {
-
-constexpr const char* kName = "route";
-
-void printRouteHelp() {
-    std::printf(
-        "usage: sorvan route FROM_LAT,FROM_LON TO_LAT,TO_LON [--mode N] [--no-tollway]\n"
-        "                    [--no-ferry] [--lang en|th] [--key KEY] [--json]\n\n"
-        "Asks the routing service for a route and prints its distance and time and one row\n"
-        "per step: the turn onto it, the road, its length and time and the points of its path.\n\n"
-        "options:\n"
-        "  --mode N       route mode: 1 and 2 ask for the service's modes c and d, any other\n"
-        "                 number for t (the embedded service: t quickest, d shortest,\n"
-        "                 c quickest while sparing toll roads)\n"
-        "  --no-tollway   keep off toll roads\n"
-        "  --no-ferry     keep off ferries\n"
-        "  --lang en|th   language of the road names (default th)\n"
-        "  --key KEY      the service key (default: $SORVAN_KEY)\n"
-        "  --json         print the route as JSON: fDistance, tDistance, distance, interval\n"
-        "                 and guide, each step with name, turn, distance, interval and path\n"
-        "                 as [latitude, longitude] pairs\n"
-        "  -h, --help     show this help\n\n"
-        "Any option but --lang, --key and --json sends the request with options (mode t and\n"
-        "both kinds of road allowed unless changed); without them neither is sent.\n");
-}
 
 // Labels of the turn values as the embedded service uses them.
 const char* turnLabel(std::int64_t turn) {
@@ -114,72 +91,64 @@ void printRoute(const SMRouteResult& route, bool json) {
     table.print();
 }
 
-int runRoute(const std::vector<std::string>& args) {
-    ServiceOptions common;
-    std::vector<map::Coordinate> ends;
-    std::shared_ptr<SMRouteOptions> options;
-    auto withOptions = [&] {
-        if (!options) {
-            options = std::make_shared<SMRouteOptions>();
-        }
-        return options;
-    };
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "-h" || arg == "--help") {
-            printRouteHelp();
-            return 0;
-        }
-        int taken = takeServiceOption(kName, args, i, common);
-        if (taken < 0) {
-            return 2;
-        }
-        if (taken > 0) {
-            i += taken - 1;
-        } else if (arg == "--no-tollway") {
-            withOptions()->setAllowedTollway(false);
-        } else if (arg == "--no-ferry") {
-            withOptions()->setAllowedFerry(false);
-        } else if (arg == "--mode" || arg.rfind("--mode=", 0) == 0) {
-            auto value = optionValue(args, i, "--mode");
-            auto mode = value ? parseInteger(*value) : std::nullopt;
-            if (!mode) {
-                return usageError(kName, "--mode takes a whole number");
-            }
-            withOptions()->setMode(*mode);
-        } else if (looksLikeOption(arg)) {
-            return usageError(kName, "unknown option '" + arg + "'");
-        } else {
-            std::string error;
-            auto at = parseCoordinate(arg, error);
-            if (!at) {
-                return usageError(kName, error);
-            }
-            ends.push_back(*at);
-        }
-    }
-    if (ends.size() != 2) {
-        return usageError(kName, "FROM_LAT,FROM_LON and TO_LAT,TO_LON are required");
-    }
+struct RouteOptions {
+    ServiceSettings service;
+    std::optional<map::Coordinate> from, to;
+    std::optional<std::int64_t> mode;
+    bool noTollway = false, noFerry = false;
+    bool json = false;
+};
 
-    auto view = serviceView(common);
-    auto answer = awaitAnswer<std::shared_ptr<SMRouteResult>>(
-        [&](auto block) { view->routeFrom(ends[0], ends[1], options, std::move(block)); });
-    if (!answer) {
-        return failure(kName, "no answer from the routing service");
-    }
-    if (answer->error) {
-        return failure(kName, answer->error->localizedDescription);
-    }
-    if (!answer->value) {
-        return failure(kName, "the routing service gave no usable route");
-    }
-    printRoute(*answer->value, common.json);
-    return 0;
+Runner setupRoute(CLI::App& app) {
+    app.description(
+        "Asks the routing service for a route and prints its distance and time and one row\n"
+        "per step: the turn onto it, the road, its length and time and the points of its path.\n\n"
+        "Any option but --lang, --key and --json sends the request with options (mode t and\n"
+        "both kinds of road allowed unless changed); without them neither is sent.");
+    auto o = std::make_shared<RouteOptions>();
+    addCoordinate(app, "FROM", o->from, "where the route starts")->required();
+    addCoordinate(app, "TO", o->to, "where it ends")->required();
+    addInteger(app, "--mode", o->mode,
+               "route mode: 1 and 2 ask for the service's modes c and d, any other number\n"
+               "for t (the embedded service: t quickest, d shortest, c quickest while\n"
+               "sparing toll roads)");
+    app.add_flag("--no-tollway", o->noTollway, "keep off toll roads");
+    app.add_flag("--no-ferry", o->noFerry, "keep off ferries");
+    addServiceSettings(app, o->service, "language of the road names (default th)");
+    addJsonFlag(app, o->json,
+                "print the route as JSON: fDistance, tDistance, distance, interval and guide,\n"
+                "each step with name, turn, distance, interval and path as [latitude,\n"
+                "longitude] pairs");
+    return [o](const Context& context) -> int {
+        std::shared_ptr<SMRouteOptions> options;
+        if (o->mode || o->noTollway || o->noFerry) {
+            options = std::make_shared<SMRouteOptions>();
+            if (o->mode) {
+                options->setMode(*o->mode);
+            }
+            options->setAllowedTollway(!o->noTollway);
+            options->setAllowedFerry(!o->noFerry);
+        }
+        auto view = serviceView(o->service);
+        auto answer = awaitAnswer<std::shared_ptr<SMRouteResult>>(
+            [&](auto block) { view->routeFrom(*o->from, *o->to, options, std::move(block)); });
+        if (!answer) {
+            return failure(context.name, "no answer from the routing service");
+        }
+        if (answer->error) {
+            return failure(context.name, answer->error->localizedDescription);
+        }
+        if (!answer->value) {
+            return failure(context.name, "the routing service gave no usable route");
+        }
+        printRoute(*answer->value, o->json);
+        return kSuccess;
+    };
 }
 
 const Command::Registration registration{
-    Command{kName, "route between two positions, step by step", runRoute}};
+    {"route", "route between two positions, step by step",
+     "the routing service failed, gave no answer or no usable route", setupRoute}};
 
 }  // namespace
 }  // namespace sorvan::cli

@@ -1,4 +1,5 @@
 // `sorvan search`: keyword search on the search service, as a table or as JSON.
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -10,37 +11,13 @@
 #include "SorvanMapSDK/SMPinAnnotation.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
 #include "command.hpp"
-#include "geodesy_input.hpp"
+#include "options.hpp"
 #include "service_cli.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 
 namespace sorvan::cli {
 namespace {
-
-constexpr const char* kName = "search";
-
-void printSearchHelp() {
-    std::printf(
-        "usage: sorvan search KEYWORD [--near LAT,LON] [--span S] [--offset N] [--limit N]\n"
-        "                     [--lang en|th] [--key KEY] [--json]\n\n"
-        "Searches places by keyword (Thai or English) and prints one row per hit: name, type,\n"
-        "position, address and the place's id.\n\n"
-        "options:\n"
-        "  --near LAT,LON  search around this position\n"
-        "  --span S        how far around it, as the service reads it (5km, 500m)\n"
-        "  --offset N      skip the first N hits\n"
-        "  --limit N       at most N hits (default 10 with any of these options)\n"
-        "  --lang en|th    language of names and addresses (default th)\n"
-        "  --key KEY       the service key (default: $SORVAN_KEY)\n"
-        "  --json          print a JSON array of pins (poiid, name, address, type, latitude,\n"
-        "                  longitude) instead of a table\n"
-        "  -h, --help      show this help\n\n"
-        "Any of --near, --span, --offset or --limit sends the search with options; without\n"
-        "--near the map's centre (%.4f,%.4f) is the position. With none of them only the\n"
-        "keyword is sent and the service ranks by name. A keyword with \"&\" is cut there.\n",
-        kToolMapCenter.latitude, kToolMapCenter.longitude);
-}
 
 nlohmann::ordered_json orNull(const std::optional<std::string>& text) {
     return text ? nlohmann::ordered_json(*text) : nlohmann::ordered_json(nullptr);
@@ -76,82 +53,72 @@ void printPins(const services::Pins& pins, bool json) {
     table.print();
 }
 
-int runSearch(const std::vector<std::string>& args) {
-    ServiceOptions common;
-    std::optional<std::string> keyword;
-    std::shared_ptr<SMSearchOptions> options;
-    auto withOptions = [&] {
-        if (!options) {
-            options = std::make_shared<SMSearchOptions>();
-        }
-        return options;
-    };
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "-h" || arg == "--help") {
-            printSearchHelp();
-            return 0;
-        }
-        int taken = takeServiceOption(kName, args, i, common);
-        if (taken < 0) {
-            return 2;
-        }
-        if (taken > 0) {
-            i += taken - 1;
-            continue;
-        }
-        auto is = [&](const char* name) {
-            return arg == name || arg.rfind(std::string(name) + "=", 0) == 0;
-        };
-        if (is("--near") || is("--span") || is("--offset") || is("--limit")) {
-            std::string name = arg.substr(0, arg.find('='));
-            auto value = optionValue(args, i, name);
-            if (!value) {
-                return usageError(kName, name + " needs a value");
-            }
-            if (name == "--near") {
-                std::string error;
-                auto at = parseCoordinate(*value, error);
-                if (!at) {
-                    return usageError(kName, error);
-                }
-                withOptions()->setLocation(*at);
-            } else if (name == "--span") {
-                withOptions()->setSpan(*value);
-            } else {
-                auto n = parseInteger(*value);
-                if (!n) {
-                    return usageError(kName, name + " takes a whole number, got '" + *value + "'");
-                }
-                name == "--offset" ? withOptions()->setOffset(*n) : withOptions()->setLimit(*n);
-            }
-        } else if (looksLikeOption(arg)) {
-            return usageError(kName, "unknown option '" + arg + "'");
-        } else if (!keyword) {
-            keyword = arg;
-        } else {
-            return usageError(kName, "one KEYWORD only (quote a keyword with spaces)");
-        }
-    }
-    if (!keyword) {
-        return usageError(kName, "a KEYWORD is required");
-    }
+struct SearchOptions {
+    ServiceSettings service;
+    std::string keyword;
+    std::optional<map::Coordinate> near;
+    std::optional<std::string> span;
+    std::optional<std::int64_t> offset, limit;
+    bool json = false;
+};
 
-    auto view = serviceView(common);
-    auto answer = awaitAnswer<std::optional<services::Pins>>(
-        [&](auto block) { view->searchKeyword(*keyword, options, std::move(block)); });
-    if (!answer) {
-        return failure(kName, "no answer from the search service");
-    }
-    if (answer->error || !answer->value) {
-        return failure(kName, answer->error ? answer->error->localizedDescription : "no result");
-    }
-    printPins(*answer->value, common.json);
-    return 0;
+Runner setupSearch(CLI::App& app) {
+    app.description(strformat(
+        "Searches places by keyword (Thai or English) and prints one row per hit: name, type,\n"
+        "position, address and the place's id.\n\n"
+        "Any of --near, --span, --offset or --limit sends the search with options; without\n"
+        "--near the map's centre (%.4f,%.4f) is the position. With none of them only the\n"
+        "keyword is sent and the service ranks by name. A keyword with \"&\" is cut there.",
+        kToolMapCenter.latitude, kToolMapCenter.longitude));
+    auto o = std::make_shared<SearchOptions>();
+    app.add_option("KEYWORD", o->keyword, "what to look for (quote a keyword with spaces)")
+        ->required();
+    addCoordinate(app, "--near", o->near, "search around this position");
+    app.add_option_function<std::string>(
+           "--span", [o](const std::string& span) { o->span = span; },
+           "how far around it, as the service reads it (5km, 500m)")
+        ->type_name("S");
+    addInteger(app, "--offset", o->offset, "skip the first N hits");
+    addInteger(app, "--limit", o->limit, "at most N hits (default 10 with any of these options)");
+    addServiceSettings(app, o->service, "language of names and addresses (default th)");
+    addJsonFlag(app, o->json,
+                "print a JSON array of pins (poiid, name, address, type, latitude, longitude)\n"
+                "instead of a table");
+    return [o](const Context& context) -> int {
+        std::shared_ptr<SMSearchOptions> options;
+        if (o->near || o->span || o->offset || o->limit) {
+            options = std::make_shared<SMSearchOptions>();
+            if (o->near) {
+                options->setLocation(*o->near);
+            }
+            if (o->span) {
+                options->setSpan(*o->span);
+            }
+            if (o->offset) {
+                options->setOffset(*o->offset);
+            }
+            if (o->limit) {
+                options->setLimit(*o->limit);
+            }
+        }
+        auto view = serviceView(o->service);
+        auto answer = awaitAnswer<std::optional<services::Pins>>(
+            [&](auto block) { view->searchKeyword(o->keyword, options, std::move(block)); });
+        if (!answer) {
+            return failure(context.name, "no answer from the search service");
+        }
+        if (answer->error || !answer->value) {
+            return failure(context.name,
+                           answer->error ? answer->error->localizedDescription : "no result");
+        }
+        printPins(*answer->value, o->json);
+        return kSuccess;
+    };
 }
 
-const Command::Registration registration{Command{
-    kName, "search places by keyword (Thai or English), near a position if given", runSearch}};
+const Command::Registration registration{
+    {"search", "search places by keyword (Thai or English), near a position if given",
+     "the search service failed or gave no answer", setupSearch}};
 
 }  // namespace
 }  // namespace sorvan::cli

@@ -2,105 +2,84 @@
 #include <pthread.h>
 #include <signal.h>
 
-#include <charconv>
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <optional>
 #include <string>
-#include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "command.hpp"
+#include "options.hpp"
 #include "sorvan/server/embedded_service.hpp"
 
 namespace sorvan::cli {
 
 namespace {
 
-void printServeHelp() {
-    std::printf(
-        "usage: sorvan serve [--port N] [--quiet]\n\n"
+struct ServeOptions {
+    std::int64_t port = 0;
+    bool stamp = false;
+    bool json = false;
+};
+
+Runner setupServe(CLI::App& app) {
+    app.description(
         "Runs the embedded service on 127.0.0.1, answering every path the SDK calls with\n"
         "deterministic data, until interrupted (SIGINT or SIGTERM). The first line on stdout\n"
         "is the service's origin, e.g. http://127.0.0.1:8080; point the SDK at it with\n"
-        "SORVAN_SERVICE_ORIGIN.\n\n"
-        "options:\n"
-        "  --port N   listen on port N (default 0: a free port chosen by the system)\n"
-        "  --quiet    do not log each request on stderr\n"
-        "  --help     show this help\n");
-}
+        "SORVAN_SERVICE_ORIGIN. Each request is logged on stderr unless --quiet.");
+    auto o = std::make_shared<ServeOptions>();
+    addInteger(app, "-p,--port", o->port,
+               "listen on port N (default 0: a free port chosen by the system)", 0, 65535);
+    app.add_flag("--stamp", o->stamp,
+                 "write \"mode z/x/y\" on every map tile, for telling tiles apart (a tile\n"
+                 "request's own stamp=1 does it for that tile)");
+    addJsonFlag(app, o->json,
+                "print the first line as JSON: {\"origin\": \"http://127.0.0.1:PORT\", "
+                "\"port\": PORT}");
+    return [o](const Context& context) -> int {
+        // Blocked before the service starts its threads, so they inherit the mask and only
+        // the sigwait below receives the stop signals.
+        sigset_t stopSignals;
+        sigemptyset(&stopSignals);
+        sigaddset(&stopSignals, SIGINT);
+        sigaddset(&stopSignals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-std::optional<int> parsePort(const std::string& text) {
-    int port = -1;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), port);
-    if (ec != std::errc() || end != text.data() + text.size() || port < 0 || port > 65535) {
-        return std::nullopt;
-    }
-    return port;
-}
-
-int runServe(const std::vector<std::string>& args) {
-    int port = 0;
-    bool quiet = false;
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (arg == "--help" || arg == "-h") {
-            printServeHelp();
-            return 0;
+        std::unique_ptr<server::EmbeddedService> service;
+        try {
+            service = std::make_unique<server::EmbeddedService>(static_cast<int>(o->port));
+        } catch (const std::exception& e) {
+            return failure(context.name, e.what());
         }
-        if (arg == "--quiet" || arg == "-q") {
-            quiet = true;
-            continue;
+        service->setStampTiles(o->stamp);
+        if (!context.quiet) {
+            service->setAccessLog([](const server::Request& request, int status) {
+                std::fprintf(stderr, "%s %s %d\n", request.method.c_str(), request.target.c_str(),
+                             status);
+            });
         }
-        std::string value;
-        if (arg == "--port" || arg == "-p") {
-            if (i + 1 >= args.size()) {
-                return usageError("serve", "--port needs a value");
-            }
-            value = args[++i];
-        } else if (arg.starts_with("--port=")) {
-            value = arg.substr(7);
+        if (o->json) {
+            nlohmann::ordered_json line = {{"origin", service->origin()},
+                                           {"port", service->port()}};
+            std::printf("%s\n", line.dump().c_str());
         } else {
-            return usageError("serve", "unknown option '" + arg + "'");
+            std::printf("%s\n", service->origin().c_str());
         }
-        auto parsed = parsePort(value);
-        if (!parsed) {
-            return usageError("serve", "'" + value + "' is no port (0 to 65535)");
-        }
-        port = *parsed;
-    }
+        std::fflush(stdout);
 
-    // Blocked before the service starts its threads, so they inherit the mask and only the
-    // sigwait below receives the stop signals.
-    sigset_t stopSignals;
-    sigemptyset(&stopSignals);
-    sigaddset(&stopSignals, SIGINT);
-    sigaddset(&stopSignals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
-    std::unique_ptr<server::EmbeddedService> service;
-    try {
-        service = std::make_unique<server::EmbeddedService>(port);
-    } catch (const std::exception& e) {
-        return failure("serve", e.what());
-    }
-    if (!quiet) {
-        service->setAccessLog([](const server::Request& request, int status) {
-            std::fprintf(stderr, "%s %s %d\n", request.method.c_str(), request.target.c_str(),
-                         status);
-        });
-    }
-    std::printf("%s\n", service->origin().c_str());
-    std::fflush(stdout);
-
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    service->stop();
-    return 0;
+        int signal = 0;
+        sigwait(&stopSignals, &signal);
+        service->stop();
+        return kSuccess;
+    };
 }
 
-const Command::Registration registration{
-    Command{"serve", "run the embedded service on 127.0.0.1 until interrupted", runServe}};
+const Command::Registration registration{{"serve",
+                                          "run the embedded service on 127.0.0.1 until interrupted",
+                                          "the port could not be bound", setupServe}};
 
 }  // namespace
 

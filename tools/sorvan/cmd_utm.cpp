@@ -1,9 +1,10 @@
 // `sorvan utm`: coordinates to UTM text and back, for arguments or for standard input.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -11,30 +12,13 @@
 #include "SorvanMapSDK/SMGeodesy.hpp"
 #include "command.hpp"
 #include "geodesy_input.hpp"
+#include "options.hpp"
 
 namespace sorvan::cli {
 
 namespace {
 
 constexpr const char* kName = "utm";
-
-void printUtmHelp() {
-    std::printf(
-        "usage: sorvan utm [--hemisphere] [INPUT...]\n\n"
-        "Converts each INPUT, in either direction:\n"
-        "  LAT,LON                      prints  ZONE+BAND, EASTING, NORTHING  (47P, 662367, "
-        "1521281)\n"
-        "  ZONE+BAND, EASTING, NORTHING prints  LAT,LON with six decimals\n"
-        "With no INPUT, converts standard input line by line (each line in its own direction)\n"
-        "and stops at the first malformed line. Blank lines stay blank.\n\n"
-        "options:\n"
-        "  --hemisphere  write the hemisphere letter N or S instead of the latitude band\n"
-        "  -h, --help    show this help\n\n"
-        "Bands A and C to M are read as southern, every other letter as northern: a text written\n"
-        "with --hemisphere for a southern point (\"S\") reads back in the north. The latitude "
-        "read\n"
-        "back is cut down to six decimals; no special zones apply.\n");
-}
 
 enum class Direction { toUTM, toCoordinate, blank, unknown };
 
@@ -52,29 +36,92 @@ Direction directionOf(std::string_view line) {
     return Direction::unknown;
 }
 
-// Converts one input and appends the answer and a newline to out; false with error set for a
-// malformed input.
+// How answers are written: one per line as text, or as the elements of one JSON array, each
+// {"latitude": .., "longitude": .., "utm": ".."} whichever way the input went (null for a
+// blank line), so a script reads both directions alike.
+struct Writer {
+    bool json = false;
+    std::size_t written = 0;  // answers so far
+
+    void begin(std::string& out) const {
+        if (json) {
+            out += "[\n";
+        }
+    }
+    void end(std::string& out) const {
+        if (json) {
+            out += written == 0 ? "]\n" : "\n]\n";
+        }
+    }
+    void blank(std::string& out) {
+        if (json) {
+            separate(out);
+            out += "  null";
+        } else {
+            out.push_back('\n');
+        }
+    }
+    // latitude and longitude as JSON numbers, utm as it is written.
+    void answer(std::string& out, std::string_view latitude, std::string_view longitude,
+                std::string_view utm, bool utmIsAnswer) {
+        if (!json) {
+            if (utmIsAnswer) {
+                out.append(utm);
+            } else {
+                out.append(latitude);
+                out.push_back(',');
+                out.append(longitude);
+            }
+            out.push_back('\n');
+            return;
+        }
+        separate(out);
+        out += "  {\"latitude\": ";
+        out.append(latitude);
+        out += ", \"longitude\": ";
+        out.append(longitude);
+        out += ", \"utm\": \"";
+        out.append(utm);  // digits, letters, commas and spaces only: nothing to escape
+        out += "\"}";
+    }
+
+  private:
+    void separate(std::string& out) {
+        if (written++ > 0) {
+            out += ",\n";
+        }
+    }
+};
+
+// Converts one input and appends the answer to out; false with error set for a malformed
+// input.
 struct Scratch {
     std::string compact;  // reused for every line, so steady state allocates nothing
     std::string error;
 };
 
-bool convert(std::string_view input, bool withZone, std::string& out, Scratch& scratch) {
+bool convert(std::string_view input, bool withZone, Writer& writer, std::string& out,
+             Scratch& scratch) {
     std::string& error = scratch.error;
     switch (directionOf(input)) {
         case Direction::blank:
-            out.push_back('\n');
+            writer.blank(out);
             return true;
         case Direction::toUTM: {
             const auto coordinate = parseCoordinate(input, error);
             if (!coordinate) {
                 return false;
             }
-            char buffer[geodesy::kMaxUTMTextLength];
+            char utm[geodesy::kMaxUTMTextLength];
             const std::size_t length =
-                geodesy::formatUTM(geodesy::utmPositionFrom(*coordinate, withZone), buffer);
-            out.append(buffer, length);
-            out.push_back('\n');
+                geodesy::formatUTM(geodesy::utmPositionFrom(*coordinate, withZone), utm);
+            char latitude[32], longitude[32];
+            char* latitudeEnd =
+                std::to_chars(latitude, latitude + sizeof latitude, coordinate->latitude).ptr;
+            char* longitudeEnd =
+                std::to_chars(longitude, longitude + sizeof longitude, coordinate->longitude).ptr;
+            writer.answer(out, {latitude, latitudeEnd}, {longitude, longitudeEnd}, {utm, length},
+                          true);
             return true;
         }
         case Direction::toCoordinate: {
@@ -82,13 +129,15 @@ bool convert(std::string_view input, bool withZone, std::string& out, Scratch& s
                 return false;
             }
             const map::Coordinate c = geodesy::coordinateFromUTM(scratch.compact);
-            char buffer[128];
-            char* const end = buffer + sizeof buffer;
-            char* p = std::to_chars(buffer, end, c.latitude, std::chars_format::fixed, 6).ptr;
-            *p++ = ',';
-            p = std::to_chars(p, end, c.longitude, std::chars_format::fixed, 6).ptr;
-            *p++ = '\n';
-            out.append(buffer, p);
+            char latitude[64], longitude[64];
+            char* latitudeEnd = std::to_chars(latitude, latitude + sizeof latitude, c.latitude,
+                                              std::chars_format::fixed, 6)
+                                    .ptr;
+            char* longitudeEnd = std::to_chars(longitude, longitude + sizeof longitude, c.longitude,
+                                               std::chars_format::fixed, 6)
+                                     .ptr;
+            writer.answer(out, {latitude, latitudeEnd}, {longitude, longitudeEnd}, scratch.compact,
+                          false);
             return true;
         }
         case Direction::unknown:
@@ -106,12 +155,13 @@ bool flush(std::string& out) {
 
 // Reads standard input in large blocks and writes the answers in large blocks: a file of a
 // million points is a few hundred small appends per block, with no allocation per line.
-int convertStandardInput(bool withZone) {
+int convertStandardInput(bool withZone, Writer& writer) {
     constexpr std::size_t kBlock = 1 << 20;
     std::vector<char> buffer(kBlock);
     std::size_t kept = 0;  // bytes of an unfinished line carried over from the last block
     std::string out;
     out.reserve(kBlock + 256);
+    writer.begin(out);
     Scratch scratch;
     std::size_t lineNumber = 0;
     bool atEnd = false;
@@ -131,8 +181,10 @@ int convertStandardInput(bool withZone) {
                 break;
             }
             ++lineNumber;
-            if (!convert(std::string_view(buffer.data() + start, stop - start), withZone, out,
-                         scratch)) {
+            if (!convert(std::string_view(buffer.data() + start, stop - start), withZone, writer,
+                         out, scratch)) {
+                // What was converted stays a whole answer (a closed JSON array too).
+                writer.end(out);
                 flush(out);
                 std::fflush(stdout);
                 return failure(kName, "line " + std::to_string(lineNumber) + ": " + scratch.error);
@@ -147,6 +199,7 @@ int convertStandardInput(bool withZone) {
         kept = filled - start;
         std::memmove(buffer.data(), buffer.data() + start, kept);
     }
+    writer.end(out);
     if (std::ferror(stdin)) {
         flush(out);
         return failure(kName, "cannot read standard input");
@@ -154,44 +207,62 @@ int convertStandardInput(bool withZone) {
     if (!flush(out) || std::fflush(stdout) != 0) {
         return failure(kName, "cannot write the output");
     }
-    return 0;
+    return kSuccess;
 }
 
-int runUtm(const std::vector<std::string>& args) {
-    bool withZone = true;
-    std::vector<std::string> positional;
-    bool optionsEnded = false;
-    for (const std::string& arg : args) {
-        if (!optionsEnded && (arg == "-h" || arg == "--help")) {
-            printUtmHelp();
-            return 0;
+struct UtmOptions {
+    std::vector<std::string> inputs;
+    bool hemisphere = false;
+    bool json = false;
+};
+
+Runner setupUtm(CLI::App& app) {
+    app.description(
+        "Converts each INPUT, in either direction:\n"
+        "  LAT,LON                       gives  ZONE+BAND, EASTING, NORTHING\n"
+        "                                       (47P, 662367, 1521281)\n"
+        "  ZONE+BAND, EASTING, NORTHING  gives  LAT,LON with six decimals\n"
+        "With no INPUT, converts standard input line by line (each line in its own direction)\n"
+        "and stops at the first malformed line. Blank lines stay blank.\n\n"
+        "Bands A and C to M are read as southern, every other letter as northern: a text\n"
+        "written with --hemisphere for a southern point (\"S\") reads back in the north. The\n"
+        "latitude read back is cut down to six decimals; no special zones apply.");
+    auto o = std::make_shared<UtmOptions>();
+    app.add_option("INPUT", o->inputs,
+                   "LAT,LON or \"ZONE+BAND, EASTING, NORTHING\" (split by the shell is joined "
+                   "back)")
+        ->type_name("TEXT");
+    app.add_flag("--hemisphere", o->hemisphere,
+                 "write the hemisphere letter N or S instead of the latitude band");
+    addJsonFlag(app, o->json,
+                "print a JSON array with one {\"latitude\", \"longitude\", \"utm\"} per input "
+                "(null for a blank line)");
+    return [o](const Context&) -> int {
+        const bool withZone = !o->hemisphere;
+        Writer writer{o->json};
+        if (o->inputs.empty()) {
+            return convertStandardInput(withZone, writer);
         }
-        if (!optionsEnded && arg == "--hemisphere") {
-            withZone = false;
-        } else if (!optionsEnded && arg == "--") {
-            optionsEnded = true;
-        } else if (!optionsEnded && looksLikeOption(arg)) {
-            return usageError(kName, "unknown option '" + arg + "'");
-        } else {
-            positional.push_back(arg);
+        std::string out;
+        writer.begin(out);
+        Scratch scratch;
+        for (const std::string& input : joinCommaSplitArguments(o->inputs)) {
+            if (!convert(input, withZone, writer, out, scratch)) {
+                writer.end(out);
+                flush(out);
+                return usageError(kName, scratch.error);
+            }
         }
-    }
-    if (positional.empty()) {
-        return convertStandardInput(withZone);
-    }
-    std::string out;
-    Scratch scratch;
-    for (const std::string& input : joinCommaSplitArguments(positional)) {
-        if (!convert(input, withZone, out, scratch)) {
-            flush(out);
-            return usageError(kName, scratch.error);
-        }
-    }
-    return flush(out) ? 0 : failure(kName, "cannot write the output");
+        writer.end(out);
+        return flush(out) ? kSuccess : failure(kName, "cannot write the output");
+    };
 }
 
 const Command::Registration registration{
-    Command{kName, "convert LAT,LON to UTM text and back (arguments or standard input)", runUtm}};
+    {kName, "convert LAT,LON to UTM text and back (arguments or standard input)",
+     "a malformed line on standard input (the lines before it are converted), or the "
+     "input could not be read or the output written",
+     setupUtm}};
 
 }  // namespace
 

@@ -1,82 +1,14 @@
 #include "service_cli.hpp"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
-#include <cstdlib>
-
-#include "command.hpp"
 
 namespace sorvan::cli {
 
-std::optional<std::string> optionValue(const std::vector<std::string>& args, std::size_t& i,
-                                       const std::string& name) {
-    const std::string& arg = args[i];
-    if (arg == name) {
-        if (i + 1 >= args.size()) {
-            return std::nullopt;
-        }
-        return args[++i];
-    }
-    return arg.substr(name.size() + 1);  // --name=VALUE
-}
-
-std::optional<std::int64_t> parseInteger(const std::string& text) {
-    std::int64_t value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (text.empty() || ec != std::errc() || end != text.data() + text.size()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
-namespace {
-
-bool isOption(const std::string& arg, const std::string& name) {
-    return arg == name || arg.rfind(name + "=", 0) == 0;
-}
-
-}  // namespace
-
-int takeServiceOption(const std::string& command, const std::vector<std::string>& args,
-                      std::size_t i, ServiceOptions& options) {
-    const std::string& arg = args[i];
-    std::size_t at = i;
-    if (arg == "--json") {
-        options.json = true;
-        return 1;
-    }
-    if (isOption(arg, "--lang")) {
-        auto value = optionValue(args, at, "--lang");
-        if (!value || (*value != "en" && *value != "th")) {
-            usageError(command, "--lang takes en or th");
-            return -1;
-        }
-        options.language = *value == "en" ? 2 : 1;
-        return at == i ? 1 : 2;
-    }
-    if (isOption(arg, "--key")) {
-        auto value = optionValue(args, at, "--key");
-        if (!value) {
-            usageError(command, "--key needs a value");
-            return -1;
-        }
-        options.key = *value;
-        return at == i ? 1 : 2;
-    }
-    return 0;
-}
-
-std::shared_ptr<SorvanMapView> serviceView(const ServiceOptions& options) {
-    std::string key = options.key;
-    if (key.empty()) {
-        if (const char* env = std::getenv("SORVAN_KEY")) {
-            key = env;
-        }
-    }
+std::shared_ptr<SorvanMapView> serviceView(const ServiceSettings& settings) {
     auto view = SorvanMapView::create({0, 0, 800, 600});
-    view->setKey(key);
-    view->setLanguage(options.language);
+    view->setKey(settings.effectiveKey());
+    view->setLanguage(settings.language());
     view->setCenterCoordinate(kToolMapCenter);
     return view;
 }

@@ -1,6 +1,6 @@
-// What `sorvan search`, `suggest` and `route` share: the common options, the settings the kit
-// reads (key, language), waiting for a completion on the session queue, and tables whose
-// columns line up for Thai text too.
+// What `sorvan search`, `suggest` and `route` share: a map view with the settings the kit reads
+// (key, language), waiting for a completion on the session queue, and tables whose columns line
+// up for Thai text too.
 #pragma once
 
 #include <chrono>
@@ -12,32 +12,17 @@
 #include <vector>
 
 #include "SorvanMapSDK/SorvanMapView.hpp"
+#include "options.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
+#include "sorvan/platform/foundation/url_session.hpp"
 
 namespace sorvan::cli {
-
-/// --json, --lang en|th, --key KEY; SORVAN_KEY when --key is not given.
-struct ServiceOptions {
-    bool json = false;
-    std::int64_t language = 1;  // Thai; 2 = English
-    std::string key;
-};
-
-/// Takes args[i] (and its value) when it is one of the common options. Returns 1 when it was
-/// taken with no value, 2 with a value, 0 when it is not a common option, and -1 after printing
-/// a usage error for a missing or bad value.
-int takeServiceOption(const std::string& command, const std::vector<std::string>& args,
-                      std::size_t i, ServiceOptions& options);
-/// The value of option args[i] (--name VALUE or --name=VALUE), advancing i past it.
-std::optional<std::string> optionValue(const std::vector<std::string>& args, std::size_t& i,
-                                       const std::string& name);
-std::optional<std::int64_t> parseInteger(const std::string& text);
 
 /// A map view set up as the options say (key, language), centred on kToolMapCenter. The
 /// tool only calls its completion-style services, whose blocks run on the session queue, so
 /// no main loop has to run.
-std::shared_ptr<SorvanMapView> serviceView(const ServiceOptions& options);
+std::shared_ptr<SorvanMapView> serviceView(const ServiceSettings& settings);
 
 /// The centre of the map the tool pretends to show, for searches without a position.
 inline constexpr map::Coordinate kToolMapCenter{13.7563, 100.5018};
@@ -74,6 +59,9 @@ std::optional<Answer<Value>> awaitAnswer(Start&& start) {
     if (!state->done.waitFor(kCallTimeout)) {
         return std::nullopt;
     }
+    // The kit writes its failure line after the block returns, on the same session task: let
+    // that task end, so the line is out before the command prints its own and exits.
+    net::URLSession::shared().delegateQueue().sync([] {});
     std::lock_guard lock(state->mutex);
     return state->answer;
 }

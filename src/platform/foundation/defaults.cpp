@@ -144,8 +144,8 @@ struct Defaults::Impl {
                 return;
             }
         }
-        log::writef("Defaults: cannot open %s (%s); keeping values in memory for this run",
-                    path.c_str(), problem.c_str());
+        log::warning("Defaults: cannot open %s (%s); keeping values in memory for this run",
+                     path.c_str(), problem.c_str());
         connect(":memory:", problem);
     }
 
@@ -212,8 +212,8 @@ struct Defaults::Impl {
         // A log or index left by the damaged file must not be replayed into the new one.
         std::filesystem::remove(path + "-wal", ignored);
         std::filesystem::remove(path + "-shm", ignored);
-        log::writef("Defaults: %s is damaged (%s); moved it to %s and started empty", path.c_str(),
-                    problem.c_str(), aside.c_str());
+        log::warning("Defaults: %s is damaged (%s); moved it to %s and started empty", path.c_str(),
+                     problem.c_str(), aside.c_str());
     }
 
     void exec(const char* sql, std::string* firstValue = nullptr) {
@@ -289,8 +289,8 @@ struct Defaults::Impl {
         moveAside(problem);
         std::string again;
         if (!connect(path, again)) {
-            log::writef("Defaults: cannot open %s (%s); keeping values in memory for this run",
-                        path.c_str(), again.c_str());
+            log::warning("Defaults: cannot open %s (%s); keeping values in memory for this run",
+                         path.c_str(), again.c_str());
             connect(":memory:", again);
         }
     }

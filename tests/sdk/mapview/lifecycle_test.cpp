@@ -122,6 +122,7 @@ TEST_F(MapViewTest, ClassStartUpWritesCacheVersionOnlyOverADifferentOne) {
     mapview::classStartUp();
     EXPECT_EQ(capture.lines(),
               std::vector<std::string>{"Sorvan Map SDK v3.13 by Tervane Technology Co. Ltd."});
+    EXPECT_EQ(capture.entries().front().level, log::Level::info);
     EXPECT_FALSE(defaults.stringForKey("cacheVersion").has_value());
     EXPECT_TRUE(cacheHolds());
 

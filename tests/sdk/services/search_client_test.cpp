@@ -154,6 +154,7 @@ TEST_F(SearchClientTest, FailuresReachTheBlockBeforeTheLogAndTheDelegateNever) {
     // Without options the centre at call time is what the line reports.
     EXPECT_EQ(capture.lines(), Lines{"searchWithKeyword Error (wat,13.500000,100.250000): " +
                                      out.error->localizedDescription});
+    EXPECT_EQ(capture.entries()[0].level, log::Level::error);
 
     // A body that is no JSON fails with the decoder's own description.
     answer(kSuggest, "<html>502 Bad Gateway</html>", 502);

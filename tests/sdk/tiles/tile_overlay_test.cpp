@@ -280,6 +280,7 @@ TEST_F(TileOverlayTest, FailedStatusIsAskedThreeTimesSilentlyAndTransportErrorsO
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("TILE ERROR: ", 0), 0u) << lines[0];
     EXPECT_GT(lines[0].size(), std::string("TILE ERROR: ").size());
+    EXPECT_EQ(log_.entries()[0].level, log::Level::error);
 
     // The service's own fault injection: one 503, then the tile.
     log_.clear();

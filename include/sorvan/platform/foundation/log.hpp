@@ -1,30 +1,84 @@
-// The system log. Lines go to stderr unless the host sets a sink; tests capture them.
-// Thread-safe.
+// The system log. Every line has a level; lines at or above the chosen level go to stderr, or
+// to the host's sink when it set one. Tests capture lines whatever the level. Thread-safe.
+//
+// Which level a line gets:
+//   error    an operation failed and gave up: the kit's fixed failure lines ("TILE ERROR: %s",
+//            "searchWithKeyword Error (%s,%f,%f): %s", "route Error (...)", "showTags Error
+//            (...)", ...), and platform failures that lose work (a surface that cannot be
+//            made, a helper program that cannot start, a settings write that failed).
+//   warning  the kit carries on, changed: damaged or unreadable settings kept in memory or
+//            started afresh, a SORVAN_LOG value it does not know.
+//   info     what a host may want to see once: the version banner.
+//   debug    detail for finding a fault (per request, per tile); off unless asked for.
+// The text of a line never carries its level: lines keep their exact text at every level.
+//
+// The level written: info, unless SORVAN_LOG names another ("error", "warning", "info",
+// "debug" or "off"), read the first time a line is written or the level is asked. A host that
+// calls setLevel() decides instead of SORVAN_LOG, from then on.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace sorvan::log {
 
-using Sink = std::function<void(std::string_view line)>;
+/// Ordered from the fewest lines to the most. `off` is a threshold only: no line is written at
+/// it.
+enum class Level { off, error, warning, info, debug };
 
-/// Writes one line (no trailing newline needed).
+/// "off", "error", "warning", "info", "debug".
+const char* nameOf(Level level);
+/// The level of one of those names; nullopt for anything else (case matters).
+std::optional<Level> levelNamed(std::string_view name);
+
+/// The most detailed level written now.
+Level level();
+/// The host's choice; replaces what SORVAN_LOG said.
+void setLevel(Level level);
+/// Reads SORVAN_LOG again, as at start-up: its level, or info when it is unset or empty. An
+/// unknown value keeps info and writes a warning that names the value.
+void setLevelFromEnvironment();
+/// True when a line at this level would be written (a sink or stderr would see it).
+bool enabled(Level level);
+
+/// Receives each line that passes the level (no trailing newline), on the writing thread.
+using Sink = std::function<void(Level level, std::string_view line)>;
+
+/// Writes one line at a level. REQUIRES: level is not off.
+void write(Level level, std::string_view line);
+/// printf-style lines at each level: log::error("TILE ERROR: %s", description.c_str()).
+void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+/// A line at error level, the level of most lines the kit writes (its failure lines). New code
+/// names the level with the functions above.
 void write(std::string_view line);
-/// printf-style: log::writef("TILE ERROR: %s", description.c_str()).
 void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
 /// Replaces the sink; nullptr restores stderr. Returns the previous sink.
 Sink setSink(Sink sink);
 
-/// Captures every line written while it lives (and still forwards nothing to stderr).
+/// Captures every line written while it lives, at every level whatever level() is, and
+/// forwards nothing to stderr or the sink. The innermost of nested captures gets the lines.
 class Capture {
   public:
+    struct Line {
+        Level level;
+        std::string text;
+    };
+
     Capture();
     ~Capture();
+    /// The texts, in the order written.
     std::vector<std::string> lines() const;
+    /// The texts with their levels.
+    std::vector<Line> entries() const;
     void clear();
     Capture(const Capture&) = delete;
     Capture& operator=(const Capture&) = delete;

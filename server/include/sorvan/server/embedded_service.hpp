@@ -87,6 +87,11 @@ class EmbeddedService {
     /// open few).
     std::size_t acceptedConnections() const;
 
+    /// Whether every map tile (map server and templates) carries its "mode z/x/y" stamp, as
+    /// `sorvan serve --stamp` asks; off by default, when only a request's "stamp=1" stamps.
+    void setStampTiles(bool stamp);
+    bool stampTiles() const;
+
     /// Called on a worker thread after each request is answered (not for dropped ones), with
     /// the status sent. For `sorvan serve`'s access log.
     void setAccessLog(std::function<void(const Request&, int status)> log);
