@@ -27,9 +27,9 @@ std::string className(const OverlayRenderer& renderer) {
 }
 
 void logFailure(const OverlayRenderer& renderer, const DrawKey& key, const char* what) {
-    log::writef("drawMapRect Error (%s %p, tile %lld/%lld/%lld): %s", className(renderer).c_str(),
-                static_cast<const void*>(&renderer), static_cast<long long>(key.z),
-                static_cast<long long>(key.x), static_cast<long long>(key.y), what);
+    log::error("drawMapRect Error (%s %p, tile %lld/%lld/%lld): %s", className(renderer).c_str(),
+               static_cast<const void*>(&renderer), static_cast<long long>(key.z),
+               static_cast<long long>(key.x), static_cast<long long>(key.y), what);
 }
 
 }  // namespace

@@ -155,13 +155,13 @@ void TileScheduler::postLoad(const LayerSource& layer, const std::shared_ptr<Til
         try {
             overlay->loadTileAtPath(path, result);
         } catch (const std::exception& e) {
-            log::writef("tile load failed (%lld/%lld/%lld): %s", static_cast<long long>(key.z),
-                        static_cast<long long>(key.x), static_cast<long long>(key.y), e.what());
+            log::error("tile load failed (%lld/%lld/%lld): %s", static_cast<long long>(key.z),
+                       static_cast<long long>(key.x), static_cast<long long>(key.y), e.what());
             result({}, std::string(e.what()));
         } catch (...) {
-            log::writef("tile load failed (%lld/%lld/%lld): unknown exception",
-                        static_cast<long long>(key.z), static_cast<long long>(key.x),
-                        static_cast<long long>(key.y));
+            log::error("tile load failed (%lld/%lld/%lld): unknown exception",
+                       static_cast<long long>(key.z), static_cast<long long>(key.x),
+                       static_cast<long long>(key.y));
             result({}, std::string("unknown exception"));
         }
     });

@@ -283,6 +283,8 @@ TEST(TileOverlayRenderer, ADrawThatThrowsLeavesItsTileBlankOnceAndTheRestGoesOn)
     };
     auto lines = capture.lines();
     std::sort(lines.begin(), lines.end());
+    for (auto& entry : capture.entries())
+        EXPECT_EQ(entry.level, log::Level::error);
     EXPECT_EQ(lines, (std::vector<std::string>{line(r->failing, "no paint left"),
                                                line(r->alsoFailing, "unknown exception")}));
     // The failed tiles show the ground, the others their picture.
