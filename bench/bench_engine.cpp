@@ -5,6 +5,9 @@
 //   PanFrame    a small pan that re-uses the drawn tiles, composed into the front end's own
 //               surface (drawFrame), and the same through render(), which also hands back a
 //               new image
+//   PanFrameManyViews  the pan into the front end's surface with 2,000 image views (a 16-point
+//               icon) all on screen, as a busy tag and event layer gives; PanFrameNoViews is the
+//               same pan without views, the tiles' share of it
 // Peak resident memory is reported as the counter peak_rss_mb.
 #include <benchmark/benchmark.h>
 #include <cairo.h>
@@ -81,6 +84,7 @@ class MemoryTileOverlay : public map::TileOverlay {
 class Delegate : public map::MapViewDelegate {
   public:
     std::shared_ptr<gfx::Image> icon;
+    gfx::Point offset{0, -12};
     std::shared_ptr<map::OverlayRenderer> rendererForOverlay(
         map::MapView&, const std::shared_ptr<map::Overlay>& overlay) override {
         auto r = std::make_shared<map::TileOverlayRenderer>(
@@ -91,23 +95,27 @@ class Delegate : public map::MapViewDelegate {
         map::MapView&, const std::shared_ptr<map::Annotation>& annotation) override {
         auto v = std::make_shared<map::AnnotationView>(annotation);
         v->setImage(icon);
-        v->setCenterOffset({0, -12});
+        v->setCenterOffset(offset);
         return v;
     }
 };
 
-std::shared_ptr<gfx::Image> makeIcon() {
-    cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 48, 48);
+// A disc icon of side pixels at scale 2.
+std::shared_ptr<gfx::Image> makeIcon(int side) {
+    cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, side, side);
     cairo_t* cr = cairo_create(s);
-    cairo_arc(cr, 24, 20, 16, 0, 2 * M_PI);
+    cairo_arc(cr, side / 2.0, side * 5 / 12.0, side / 3.0, 0, 2 * M_PI);
     cairo_set_source_rgba(cr, 0.1, 0.4, 0.9, 0.9);
     cairo_fill(cr);
     cairo_destroy(cr);
     cairo_surface_flush(s);
-    std::vector<std::uint32_t> px(48 * 48);
-    std::memcpy(px.data(), cairo_image_surface_get_data(s), px.size() * 4);
+    std::vector<std::uint32_t> px(static_cast<std::size_t>(side) * side);
+    for (int y = 0; y < side; ++y)
+        std::memcpy(&px[static_cast<std::size_t>(y) * side],
+                    cairo_image_surface_get_data(s) + y * cairo_image_surface_get_stride(s),
+                    static_cast<std::size_t>(side) * 4);
     cairo_surface_destroy(s);
-    return gfx::Image::fromPixels(48, 48, std::move(px), 2.0);
+    return gfx::Image::fromPixels(side, side, std::move(px), 2.0);
 }
 
 struct Scene {
@@ -116,8 +124,9 @@ struct Scene {
     std::shared_ptr<MemoryTileOverlay> base = std::make_shared<MemoryTileOverlay>(false);
     std::shared_ptr<MemoryTileOverlay> top = std::make_shared<MemoryTileOverlay>(true);
 
-    Scene() {
-        delegate->icon = makeIcon();
+    explicit Scene(int annotations = 500, int iconPixels = 48) {
+        delegate->icon = makeIcon(iconPixels);
+        delegate->offset = {0, -iconPixels / 4.0};
         view->setDelegate(delegate);
         view->setScreenScale(2);
         // Level 14 exactly: one tile pixel per screen pixel.
@@ -129,7 +138,7 @@ struct Scene {
         view->addOverlay(top);
         std::mt19937 rng(7);
         std::uniform_real_distribution<double> x(0, 1280), y(0, 720);
-        for (int i = 0; i < 500; ++i)
+        for (int i = 0; i < annotations; ++i)
             view->addAnnotation(std::make_shared<map::PointAnnotation>(
                 view->convertPointToCoordinate({x(rng), y(rng)}, nullptr)));
         // Load every tile of the area a pan may reach, and make every view.
@@ -139,6 +148,16 @@ struct Scene {
 
 Scene& scene() {
     static Scene s;
+    return s;
+}
+
+Scene& busyScene() {
+    static Scene s(2000, 32);
+    return s;
+}
+
+Scene& bareScene() {
+    static Scene s(0, 32);
     return s;
 }
 
@@ -160,8 +179,7 @@ void BM_FullFrame(benchmark::State& state) {
 }
 BENCHMARK(BM_FullFrame)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-void BM_PanFrameIntoSurface(benchmark::State& state) {
-    Scene& s = scene();
+void panIntoSurface(benchmark::State& state, Scene& s) {
     cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 2560, 1440);
     cairo_t* cr = cairo_create(surface);
     cairo_scale(cr, 2, 2);
@@ -176,7 +194,21 @@ void BM_PanFrameIntoSurface(benchmark::State& state) {
     dispatch::RunLoop::main().drain();
     reportMemory(state);
 }
+
+void BM_PanFrameIntoSurface(benchmark::State& state) {
+    panIntoSurface(state, scene());
+}
 BENCHMARK(BM_PanFrameIntoSurface)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_PanFrameManyViews(benchmark::State& state) {
+    panIntoSurface(state, busyScene());
+}
+BENCHMARK(BM_PanFrameManyViews)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_PanFrameNoViews(benchmark::State& state) {
+    panIntoSurface(state, bareScene());
+}
+BENCHMARK(BM_PanFrameNoViews)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_PanFrameRender(benchmark::State& state) {
     Scene& s = scene();

@@ -9,6 +9,7 @@ find_package(OpenSSL REQUIRED)
 find_package(nlohmann_json 3 REQUIRED)
 find_package(fmt REQUIRED)
 pkg_check_modules(CAIRO REQUIRED IMPORTED_TARGET cairo)
+pkg_check_modules(PIXMAN REQUIRED IMPORTED_TARGET pixman-1)
 pkg_check_modules(PANGO REQUIRED IMPORTED_TARGET pangocairo)
 
 # How an application that links the static libSorvanMapSDK finds each private dependency that

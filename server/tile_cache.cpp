@@ -3,10 +3,9 @@
 #include <bit>
 #include <cmath>
 #include <cstdlib>
-#include <list>
 #include <mutex>
-#include <unordered_map>
 
+#include "foundation/byte_lru.hpp"
 #include "foundation/number_text.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 #include "tile_painter.hpp"
@@ -35,43 +34,29 @@ std::optional<double> number(const std::optional<std::string>& text) {
     return text ? text::parseDouble(*text) : std::nullopt;
 }
 
-// Least-recently-used PNG bytes, bounded by their total size.
+// Least-recently-used PNG bytes, bounded by their total size. Thread-safe.
 class TileCache {
   public:
-    explicit TileCache(std::size_t limitBytes) : limit_(limitBytes) {}
+    explicit TileCache(std::size_t limitBytes) : tiles_(limitBytes) {}
 
     std::shared_ptr<const std::string> get(const std::string& key) {
         std::lock_guard lock(mutex_);
-        auto it = index_.find(key);
-        if (it == index_.end()) {
-            return nullptr;
-        }
-        order_.splice(order_.begin(), order_, it->second);
-        return it->second->second;
+        auto* hit = tiles_.find(key);
+        return hit ? *hit : nullptr;
     }
 
     void put(const std::string& key, std::shared_ptr<const std::string> bytes) {
         std::lock_guard lock(mutex_);
-        if (index_.count(key) != 0) {
+        if (tiles_.contains(key)) {
             return;  // another thread painted it too
         }
-        bytes_ += bytes->size();
-        order_.emplace_front(key, std::move(bytes));
-        index_[key] = order_.begin();
-        while (bytes_ > limit_ && order_.size() > 1) {
-            bytes_ -= order_.back().second->size();
-            index_.erase(order_.back().first);
-            order_.pop_back();
-        }
+        std::size_t size = bytes->size();
+        tiles_.put(key, std::move(bytes), size);
     }
 
   private:
-    using Entry = std::pair<std::string, std::shared_ptr<const std::string>>;
     std::mutex mutex_;
-    std::list<Entry> order_;
-    std::unordered_map<std::string, std::list<Entry>::iterator> index_;
-    std::size_t bytes_ = 0;
-    const std::size_t limit_;
+    ByteLru<std::string, std::shared_ptr<const std::string>> tiles_;  // guarded by mutex_
 };
 
 TileCache& cache() {

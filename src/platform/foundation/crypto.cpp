@@ -5,18 +5,13 @@
 #include <memory>
 #include <stdexcept>
 
+#include "foundation/c_handle.hpp"
+
 namespace sorvan::crypto {
-namespace {
-
-struct ContextFree {
-    void operator()(EVP_MD_CTX* context) const noexcept { EVP_MD_CTX_free(context); }
-};
-
-}  // namespace
 
 std::array<std::uint8_t, 32> sha256(std::string_view bytes) {
     std::array<std::uint8_t, 32> digest{};
-    std::unique_ptr<EVP_MD_CTX, ContextFree> context(EVP_MD_CTX_new());
+    CHandle<EVP_MD_CTX, EVP_MD_CTX_free> context(EVP_MD_CTX_new());
     unsigned int length = 0;
     // These fail only when memory runs out; a wrong digest would corrupt the tile cache, so
     // that is an error rather than a silent value.

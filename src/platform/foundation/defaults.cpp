@@ -9,6 +9,7 @@
 #include <mutex>
 #include <system_error>
 
+#include "foundation/c_handle.hpp"
 #include "sorvan/platform/foundation/bundle.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
@@ -16,14 +17,8 @@
 namespace sorvan {
 namespace {
 
-struct DatabaseCloser {
-    void operator()(sqlite3* db) const noexcept { sqlite3_close_v2(db); }
-};
-struct StatementFinalizer {
-    void operator()(sqlite3_stmt* statement) const noexcept { sqlite3_finalize(statement); }
-};
-using Database = std::unique_ptr<sqlite3, DatabaseCloser>;
-using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+using Database = CHandle<sqlite3, sqlite3_close_v2>;
+using Statement = CHandle<sqlite3_stmt, sqlite3_finalize>;
 
 // A key holds a string (kind 0, in entries.value) or an array (kind 1, one items row per
 // element). Elements are numbered by an ever-growing seq so that appending at the end and

@@ -18,12 +18,12 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <list>
 #include <mutex>
 #include <thread>
 #include <unordered_map>
 #include <vector>
 
+#include "foundation/byte_lru.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
@@ -155,7 +155,6 @@ std::shared_ptr<CacheEntry> deserialise(const std::string& key, std::istream& in
 
 struct URLCache::Impl {
     using Shared = std::shared_ptr<const CacheEntry>;
-    using Entry = std::pair<std::string, Shared>;
 
     // A response on its way to disk, with the file it was stored for.
     struct PendingWrite {
@@ -164,11 +163,7 @@ struct URLCache::Impl {
     };
 
     mutable std::mutex mutex;
-    // Most recently used first.
-    mutable std::list<Entry> lru;
-    mutable std::unordered_map<std::string, std::list<Entry>::iterator> index;
-    mutable std::size_t memoryBytes = 0;
-    std::size_t memoryCapacity = kDefaultMemoryCapacity;
+    mutable ByteLru<std::string, Shared> memory{kDefaultMemoryCapacity};
     // The latest response stored for each key whose file is not written yet.
     std::unordered_map<std::string, PendingWrite> pending;
     std::size_t pendingBytes = 0;
@@ -197,36 +192,21 @@ struct URLCache::Impl {
 
     // REQUIRES: mutex held.
     void remember(const std::string& key, Shared entry) const {
-        if (auto it = index.find(key); it != index.end()) {
-            memoryBytes -= sizeOf(*it->second->second);
-            lru.erase(it->second);
-            index.erase(it);
-        }
-        if (sizeOf(*entry) > memoryCapacity / 20) {
+        // One large answer must not push out many small ones.
+        std::size_t bytes = sizeOf(*entry);
+        if (bytes > memory.limit() / 20) {
+            memory.erase(key);
             return;
         }
-        memoryBytes += sizeOf(*entry);
-        lru.emplace_front(key, std::move(entry));
-        index[key] = lru.begin();
-        evictToCapacity();
-    }
-
-    // REQUIRES: mutex held.
-    void evictToCapacity() const {
-        while (memoryBytes > memoryCapacity && !lru.empty()) {
-            memoryBytes -= sizeOf(*lru.back().second);
-            index.erase(lru.back().first);
-            lru.pop_back();
-        }
+        memory.put(key, std::move(entry), bytes);
     }
 
     Shared lookup(const std::string& key, const std::string& dir) const {
         std::uint64_t seen = 0;
         {
             std::lock_guard lock(mutex);
-            if (auto it = index.find(key); it != index.end()) {
-                lru.splice(lru.begin(), lru, it->second);
-                return it->second->second;
+            if (const Shared* hit = memory.find(key)) {
+                return *hit;
             }
             if (auto it = pending.find(key); it != pending.end()) {
                 return it->second.entry;
@@ -243,7 +223,7 @@ struct URLCache::Impl {
             return nullptr;  // another URL with the same file name, or a damaged file
         }
         std::lock_guard lock(mutex);
-        if (generation == seen && index.count(key) == 0) {
+        if (generation == seen && !memory.contains(key)) {
             remember(key, entry);
         }
         return entry;
@@ -507,16 +487,13 @@ void URLCache::flush() {
 
 void URLCache::setMemoryCapacity(std::size_t bytes) {
     std::lock_guard lock(impl_->mutex);
-    impl_->memoryCapacity = bytes;
-    impl_->evictToCapacity();
+    impl_->memory.setLimit(bytes);
 }
 
 void URLCache::removeAllCachedResponses() {
     std::lock_guard disk(impl_->diskMutex);
     std::lock_guard lock(impl_->mutex);
-    impl_->lru.clear();
-    impl_->index.clear();
-    impl_->memoryBytes = 0;
+    impl_->memory.clear();
     impl_->pending.clear();
     impl_->pendingBytes = 0;
     impl_->written.clear();

@@ -14,6 +14,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "foundation/c_handle.hpp"
 #include "url_cache_access.hpp"
 
 #ifndef SORVAN_KIT_VERSION
@@ -34,9 +35,9 @@ struct CurlDeleter {
         Release(handle);
     }
 };
-using EasyHandle = std::unique_ptr<CURL, CurlDeleter<curl_easy_cleanup>>;
-using MultiHandle = std::unique_ptr<CURLM, CurlDeleter<curl_multi_cleanup>>;
-using HeaderList = std::unique_ptr<curl_slist, CurlDeleter<curl_slist_free_all>>;
+using EasyHandle = CHandle<CURL, curl_easy_cleanup>;
+using MultiHandle = CHandle<CURLM, curl_multi_cleanup>;
+using HeaderList = CHandle<curl_slist, curl_slist_free_all>;
 
 constexpr const char* kUserAgent = "SorvanMapSDK/" SORVAN_KIT_VERSION;
 // A body is given room up front for at most this many bytes; a larger one grows as it comes.

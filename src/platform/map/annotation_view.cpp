@@ -4,6 +4,7 @@
 
 #include <numbers>
 
+#include "graphics/cairo_handles.hpp"
 #include "map/user_location_view.hpp"
 #include "ui/cairo_util.hpp"
 
@@ -58,16 +59,15 @@ void PinAnnotationView::draw(cairo_t* context, gfx::Rect bounds) {
     cairo_stroke(context);
     // Head: the tint, darker at the rim, with a highlight up and to the left.
     gfx::Color c = pinTintColor();
-    cairo_pattern_t* shade =
-        cairo_pattern_create_radial(kHeadX - 3, kHeadY - 3, 1, kHeadX, kHeadY, kHeadRadius);
-    cairo_pattern_add_color_stop_rgba(shade, 0, 1 - (1 - c.r) * 0.4, 1 - (1 - c.g) * 0.4,
+    gfx::PatternPtr shade(
+        cairo_pattern_create_radial(kHeadX - 3, kHeadY - 3, 1, kHeadX, kHeadY, kHeadRadius));
+    cairo_pattern_add_color_stop_rgba(shade.get(), 0, 1 - (1 - c.r) * 0.4, 1 - (1 - c.g) * 0.4,
                                       1 - (1 - c.b) * 0.4, c.a);
-    cairo_pattern_add_color_stop_rgba(shade, 0.6, c.r, c.g, c.b, c.a);
-    cairo_pattern_add_color_stop_rgba(shade, 1, c.r * 0.6, c.g * 0.6, c.b * 0.6, c.a);
+    cairo_pattern_add_color_stop_rgba(shade.get(), 0.6, c.r, c.g, c.b, c.a);
+    cairo_pattern_add_color_stop_rgba(shade.get(), 1, c.r * 0.6, c.g * 0.6, c.b * 0.6, c.a);
     cairo_arc(context, kHeadX, kHeadY, kHeadRadius, 0, 2 * std::numbers::pi);
-    cairo_set_source(context, shade);
+    cairo_set_source(context, shade.get());
     cairo_fill_preserve(context);
-    cairo_pattern_destroy(shade);
     cairo_set_line_width(context, 1.0);
     cairo_set_source_rgba(context, c.r * 0.5, c.g * 0.5, c.b * 0.5, c.a);
     cairo_stroke(context);

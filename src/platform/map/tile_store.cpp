@@ -1,8 +1,5 @@
 #include "map/tile_store.hpp"
 
-#include <algorithm>
-#include <vector>
-
 namespace sorvan::map::detail {
 
 namespace {
@@ -21,87 +18,65 @@ std::uint64_t TileStore::epochOf(const Overlay* overlay) {
 
 TileStore::Lookup TileStore::lookup(const TileKey& key) {
     std::lock_guard lock(mutex_);
-    auto it = entries_.find(key);
-    if (it == entries_.end())
+    const Entry* e = entries_.find(key);
+    if (!e)
         return {};
-    it->second.lastUse = ++clock_;
-    return {it->second.state, it->second.image, it->second.version};
+    return {e->state, e->image, e->version};
 }
 
 std::uint64_t TileStore::beginLoad(const TileKey& key) {
     std::lock_guard lock(mutex_);
-    auto [it, inserted] = entries_.try_emplace(key);
-    if (!inserted)
+    if (entries_.contains(key))
         return 0;
-    it->second.epoch = epochOf(key.overlay);
-    it->second.lastUse = ++clock_;
-    it->second.bytes = imageBytes(nullptr);
-    bytes_ += it->second.bytes;
-    return it->second.epoch;
+    Entry e;
+    e.epoch = epochOf(key.overlay);
+    std::uint64_t epoch = e.epoch;
+    entries_.put(key, std::move(e), imageBytes(nullptr));
+    return epoch;
 }
 
 void TileStore::finishLoad(const TileKey& key, std::uint64_t epoch,
                            std::shared_ptr<gfx::Image> image, bool failed) {
     std::lock_guard lock(mutex_);
-    auto it = entries_.find(key);
-    if (it == entries_.end() || it->second.epoch != epoch || it->second.state != State::Loading)
+    const Entry* old = entries_.peek(key);
+    if (!old || old->epoch != epoch || old->state != State::Loading)
         return;
-    Entry& e = it->second;
-    bytes_ -= e.bytes;
+    Entry e;
     e.state = failed ? State::Failed : State::Loaded;
     e.image = failed ? nullptr : std::move(image);
-    e.bytes = imageBytes(e.image.get());
+    e.epoch = epoch;
     e.version = ++counter_;
-    e.lastUse = ++clock_;
-    bytes_ += e.bytes;
-    evict();
+    std::size_t bytes = imageBytes(e.image.get());
+    entries_.put(key, std::move(e), bytes);
 }
 
-void TileStore::evict() {
-    if (bytes_ <= limit_)
-        return;
-    std::vector<std::pair<std::uint64_t, TileKey>> order;
-    for (auto& [k, e] : entries_)
-        if (e.state != State::Loading)
-            order.push_back({e.lastUse, k});
-    std::sort(order.begin(), order.end(), [](auto& a, auto& b) { return a.first < b.first; });
-    for (auto& [use, k] : order) {
-        if (bytes_ <= limit_)
-            break;
-        auto it = entries_.find(k);
-        bytes_ -= it->second.bytes;
-        entries_.erase(it);
-    }
+void TileStore::cancelLoad(const TileKey& key, std::uint64_t epoch) {
+    std::lock_guard lock(mutex_);
+    const Entry* e = entries_.peek(key);
+    if (e && e->epoch == epoch && e->state == State::Loading)
+        entries_.erase(key);
 }
 
 void TileStore::forget(const Overlay* overlay) {
     std::lock_guard lock(mutex_);
-    for (auto it = entries_.begin(); it != entries_.end();) {
-        if (it->first.overlay == overlay) {
-            bytes_ -= it->second.bytes;
-            it = entries_.erase(it);
-        } else {
-            ++it;
-        }
-    }
+    entries_.eraseIf([overlay](const TileKey& k, const Entry&) { return k.overlay == overlay; });
     // A fresh epoch: loads still in flight for the old data are dropped when they finish.
     epochs_[overlay] = ++counter_;
 }
 
 std::size_t TileStore::bytes() const {
     std::lock_guard lock(mutex_);
-    return bytes_;
+    return entries_.bytes();
 }
 
 std::size_t TileStore::limit() const {
     std::lock_guard lock(mutex_);
-    return limit_;
+    return entries_.limit();
 }
 
 void TileStore::setLimit(std::size_t bytes) {
     std::lock_guard lock(mutex_);
-    limit_ = bytes;
-    evict();
+    entries_.setLimit(bytes);
 }
 
 }  // namespace sorvan::map::detail

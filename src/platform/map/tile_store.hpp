@@ -8,6 +8,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "foundation/byte_lru.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
@@ -41,7 +42,7 @@ class TileStore {
         std::uint64_t version = 0;  // changes whenever new data is stored for the tile
     };
 
-    explicit TileStore(std::size_t limitBytes) : limit_(limitBytes) {}
+    explicit TileStore(std::size_t limitBytes) : entries_(limitBytes) {}
 
     Lookup lookup(const TileKey& key);
     /// Marks an absent tile as loading and returns the epoch to hand back to finishLoad;
@@ -51,6 +52,9 @@ class TileStore {
     /// forgotten since beginLoad. Evicts least recently used tiles beyond the limit.
     void finishLoad(const TileKey& key, std::uint64_t epoch, std::shared_ptr<gfx::Image> image,
                     bool failed);
+    /// Takes back a load that never started: the tile is absent again (and may be asked for
+    /// again). Ignored unless the tile is still loading under that epoch.
+    void cancelLoad(const TileKey& key, std::uint64_t epoch);
     /// Drops every tile of an overlay; loads in flight for it are discarded when they finish.
     void forget(const Overlay* overlay);
 
@@ -62,17 +66,18 @@ class TileStore {
     struct Entry {
         State state = State::Loading;
         std::shared_ptr<gfx::Image> image;
-        std::uint64_t version = 0, epoch = 0, lastUse = 0;
-        std::size_t bytes = 0;
+        std::uint64_t version = 0, epoch = 0;
+    };
+    // A tile being loaded stays until its load ends, whatever the limit says.
+    struct Loading {
+        bool operator()(const Entry& e) const { return e.state == State::Loading; }
     };
     std::uint64_t epochOf(const Overlay* overlay);  // REQUIRES: mutex_ held
-    void evict();                                   // REQUIRES: mutex_ held
 
     mutable std::mutex mutex_;
-    std::unordered_map<TileKey, Entry, TileKeyHash> entries_;
+    ByteLru<TileKey, Entry, TileKeyHash, Loading> entries_;  // guarded by mutex_
     std::unordered_map<const Overlay*, std::uint64_t> epochs_;
-    std::uint64_t counter_ = 0, clock_ = 0;
-    std::size_t bytes_ = 0, limit_;
+    std::uint64_t counter_ = 0;
 };
 
 }  // namespace sorvan::map::detail

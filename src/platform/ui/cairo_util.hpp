@@ -6,18 +6,13 @@
 
 #include <memory>
 
+#include "graphics/cairo_handles.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 
 namespace sorvan::ui::detail {
 
-struct SurfaceDeleter {
-    void operator()(cairo_surface_t* s) const noexcept { cairo_surface_destroy(s); }
-};
-struct ContextDeleter {
-    void operator()(cairo_t* c) const noexcept { cairo_destroy(c); }
-};
-using SurfacePtr = std::unique_ptr<cairo_surface_t, SurfaceDeleter>;
-using ContextPtr = std::unique_ptr<cairo_t, ContextDeleter>;
+using gfx::ContextPtr;
+using gfx::SurfacePtr;
 
 /// A surface that reads the image's pixels in place (no copy). The image must outlive it.
 inline SurfacePtr surfaceFor(const gfx::Image& image) {

@@ -5,16 +5,16 @@
 #include <algorithm>
 #include <cmath>
 
+#include "foundation/c_handle.hpp"
 #include "ui/cairo_util.hpp"
 
 namespace sorvan::ui {
 
 namespace {
 
-struct LayoutDeleter {
-    void operator()(PangoLayout* l) const noexcept { g_object_unref(l); }
-};
-using LayoutPtr = std::unique_ptr<PangoLayout, LayoutDeleter>;
+using LayoutPtr = CHandle<PangoLayout, g_object_unref>;
+using FontPtr = CHandle<PangoFontDescription, pango_font_description_free>;
+using AttrListPtr = CHandle<PangoAttrList, pango_attr_list_unref>;
 
 std::uint16_t channel(double v) {
     return static_cast<std::uint16_t>(std::clamp(v, 0.0, 1.0) * 65535.0 + 0.5);
@@ -23,12 +23,11 @@ std::uint16_t channel(double v) {
 // Fixed font options keep text identical from run to run and machine to machine, whatever
 // the desktop's settings say, so rendered frames can be compared with stored pictures.
 void setFontOptions(PangoContext* pango) {
-    cairo_font_options_t* options = cairo_font_options_create();
-    cairo_font_options_set_antialias(options, CAIRO_ANTIALIAS_GRAY);
-    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
-    cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
-    pango_cairo_context_set_font_options(pango, options);
-    cairo_font_options_destroy(options);
+    gfx::FontOptionsPtr options(cairo_font_options_create());
+    cairo_font_options_set_antialias(options.get(), CAIRO_ANTIALIAS_GRAY);
+    cairo_font_options_set_hint_style(options.get(), CAIRO_HINT_STYLE_NONE);
+    cairo_font_options_set_hint_metrics(options.get(), CAIRO_HINT_METRICS_OFF);
+    pango_cairo_context_set_font_options(pango, options.get());
 }
 
 LayoutPtr makeLayout(cairo_t* cr, const AttributedString& text, double maxWidth) {
@@ -37,24 +36,23 @@ LayoutPtr makeLayout(cairo_t* cr, const AttributedString& text, double maxWidth)
     pango_layout_context_changed(layout.get());
     std::string all = text.string();
     pango_layout_set_text(layout.get(), all.c_str(), static_cast<int>(all.size()));
-    PangoAttrList* attrs = pango_attr_list_new();
+    AttrListPtr attrs(pango_attr_list_new());
     guint start = 0;
     for (const auto& run : text.runs()) {
         guint end = start + static_cast<guint>(run.text.size());
         const TextAttributes& a = run.attributes;
-        PangoFontDescription* font = pango_font_description_new();
-        pango_font_description_set_family(font, a.fontFamily.c_str());
+        FontPtr font(pango_font_description_new());
+        pango_font_description_set_family(font.get(), a.fontFamily.c_str());
         pango_font_description_set_weight(
-            font, a.weight == FontWeight::Bold ? PANGO_WEIGHT_BOLD : PANGO_WEIGHT_NORMAL);
+            font.get(), a.weight == FontWeight::Bold ? PANGO_WEIGHT_BOLD : PANGO_WEIGHT_NORMAL);
         // Sizes are in points, which are the context's user units.
-        pango_font_description_set_absolute_size(font, a.size * PANGO_SCALE);
+        pango_font_description_set_absolute_size(font.get(), a.size * PANGO_SCALE);
         auto add = [&](PangoAttribute* attr) {
             attr->start_index = start;
             attr->end_index = end;
-            pango_attr_list_insert(attrs, attr);
+            pango_attr_list_insert(attrs.get(), attr);
         };
-        add(pango_attr_font_desc_new(font));
-        pango_font_description_free(font);
+        add(pango_attr_font_desc_new(font.get()));
         add(pango_attr_foreground_new(channel(a.foreground.r), channel(a.foreground.g),
                                       channel(a.foreground.b)));
         add(pango_attr_foreground_alpha_new(std::max<std::uint16_t>(1, channel(a.foreground.a))));
@@ -62,8 +60,7 @@ LayoutPtr makeLayout(cairo_t* cr, const AttributedString& text, double maxWidth)
             add(pango_attr_underline_new(PANGO_UNDERLINE_SINGLE));
         start = end;
     }
-    pango_layout_set_attributes(layout.get(), attrs);
-    pango_attr_list_unref(attrs);
+    pango_layout_set_attributes(layout.get(), attrs.get());
     if (maxWidth > 0)
         pango_layout_set_width(layout.get(), static_cast<int>(maxWidth * PANGO_SCALE));
     pango_layout_set_wrap(layout.get(), PANGO_WRAP_WORD_CHAR);

@@ -4,8 +4,13 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <map>
+#include <mutex>
 #include <set>
+#include <stdexcept>
 
+#include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/map/map_view.hpp"
 #include "support/engine_fixtures.hpp"
 
@@ -224,6 +229,92 @@ TEST(TileOverlayRenderer, DrawsTheTileImageWithItsAlphaAndNothingBelowMinimumZ) 
     auto muted = f.view->render(std::chrono::seconds(5))->rgbaAt(528, 428);
     EXPECT_GT(muted[0], plain[0]);
     EXPECT_GT(muted[2], plain[2]);
+}
+
+// Throws from drawMapRect for two tiles: a standard exception for one, an int for the other.
+class ThrowingRenderer : public TileOverlayRenderer {
+  public:
+    using TileOverlayRenderer::TileOverlayRenderer;
+    TilePath failing, alsoFailing;
+    void drawMapRect(const MapRect& rect, double zoomScale, cairo_t* context) override {
+        TilePath p = tilePath(rect, zoomScale);
+        {
+            std::lock_guard lock(mutex_);
+            ++calls_[{p.x, p.y}];
+        }
+        TileOverlayRenderer::drawMapRect(rect, zoomScale, context);  // half drawn, then...
+        if (p == failing)
+            throw std::runtime_error("no paint left");
+        if (p == alsoFailing)
+            throw 42;
+    }
+    int calls(const TilePath& p) {
+        std::lock_guard lock(mutex_);
+        return calls_[{p.x, p.y}];
+    }
+
+  private:
+    std::mutex mutex_;
+    std::map<std::pair<std::int64_t, std::int64_t>, int> calls_;
+};
+
+TEST(TileOverlayRenderer, ADrawThatThrowsLeavesItsTileBlankOnceAndTheRestGoesOn) {
+    TileFixture f;
+    f.delegate->makeRenderer = [](const std::shared_ptr<Overlay>& o) {
+        return std::make_shared<ThrowingRenderer>(std::dynamic_pointer_cast<TileOverlay>(o));
+    };
+    f.view->addOverlay(f.overlay);
+    auto r = std::dynamic_pointer_cast<ThrowingRenderer>(f.view->rendererForOverlay(f.overlay));
+    MapPoint c{kMapWorldSize / 2 + 10, kMapWorldSize / 2 + 10};  // inside tile (512, 512) of 10
+    r->failing = {512, 512, 10, 2.0};
+    r->alsoFailing = {513, 512, 10, 2.0};
+    test::showLevel(*f.view, 10, c);
+    log::Capture capture;
+    auto frame = f.view->render(std::chrono::seconds(5));
+    ASSERT_TRUE(frame);
+    auto line = [&](const TilePath& p, const char* what) {
+        char text[256];
+        std::snprintf(text, sizeof text,
+                      "drawMapRect Error (sorvan::map::(anonymous namespace)::ThrowingRenderer "
+                      "%p, tile %lld/%lld/%lld): %s",
+                      static_cast<const void*>(r.get()), static_cast<long long>(p.z),
+                      static_cast<long long>(p.x), static_cast<long long>(p.y), what);
+        return std::string(text);
+    };
+    auto lines = capture.lines();
+    std::sort(lines.begin(), lines.end());
+    for (auto& entry : capture.entries())
+        EXPECT_EQ(entry.level, log::Level::error);
+    EXPECT_EQ(lines, (std::vector<std::string>{line(r->failing, "no paint left"),
+                                               line(r->alsoFailing, "unknown exception")}));
+    // The failed tiles show the ground, the others their picture.
+    gfx::Color ground{0.914, 0.898, 0.863, 1};
+    auto blank = frame->rgbaAt(528, 428);   // tile (512, 512)'s pixel (128, 128)
+    auto blank2 = frame->rgbaAt(784, 428);  // tile (513, 512)'s
+    auto drawn = frame->rgbaAt(528, 100);   // tile (512, 511)'s
+    auto picture = gfx::Image::fromData(f.overlay->tileData({512, 511, 10}));
+    for (int ch = 0; ch < 3; ++ch) {
+        EXPECT_NEAR(blank[ch], (&ground.r)[ch] * 255, 1);
+        EXPECT_NEAR(blank2[ch], (&ground.r)[ch] * 255, 1);
+        EXPECT_EQ(drawn[ch], picture->rgbaAt(128, 56)[ch]);
+    }
+
+    // The failure is not retried frame after frame, nor while panning.
+    for (int i = 0; i < 3; ++i) {
+        f.view->panBy(i % 2 ? -5 : 5, 0);
+        f.view->render(std::chrono::seconds(5));
+    }
+    EXPECT_EQ(r->calls(r->failing), 1);
+    EXPECT_EQ(r->calls(r->alsoFailing), 1);
+    EXPECT_EQ(capture.lines().size(), 2u);
+    // Asked to draw again, the renderer is called again; now it succeeds.
+    r->failing = r->alsoFailing = {};
+    r->setNeedsDisplay();
+    frame = f.view->render(std::chrono::seconds(5));
+    EXPECT_EQ(r->calls({512, 512, 10, 2.0}), 2);
+    auto tile = gfx::Image::fromData(f.overlay->tileData({512, 512, 10}));
+    EXPECT_EQ(frame->rgbaAt(528, 428), tile->rgbaAt(128, 128));
+    EXPECT_EQ(capture.lines().size(), 2u);
 }
 
 TEST(TileOverlay, ARemovedOverlayStopsLoadingAndItsLateResultsAreDropped) {

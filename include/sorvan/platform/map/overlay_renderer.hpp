@@ -37,6 +37,8 @@ class SORVAN_EXPORT OverlayRenderer : public std::enable_shared_from_this<Overla
     /// log2(zoomScale) + 19 is the level of a 512-pixel tile. Called on draw threads, possibly
     /// several at once; the engine keeps what was drawn and calls again only when the tile
     /// first shows at a level, when its data arrives, or after setNeedsDisplay / reloadData.
+    /// Whatever it throws is caught and logged ("drawMapRect Error (<renderer class> <address>,
+    /// tile <z>/<x>/<y>): <what>"); that tile stays blank until the next of those occasions.
     virtual void drawMapRect(const MapRect& mapRect, double zoomScale, cairo_t* context);
     /// Whether drawMapRect() has anything to draw now; tile renderers answer whether the tile
     /// is loaded. Called on draw threads.

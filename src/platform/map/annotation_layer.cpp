@@ -1,0 +1,397 @@
+#include "map/annotation_layer.hpp"
+
+#include <cairo.h>
+
+#include <algorithm>
+#include <cmath>
+#include <typeinfo>
+#include <utility>
+
+#include "map/user_location_view.hpp"
+
+namespace sorvan::map::detail {
+
+namespace {
+
+// The views' parent: it routes their needs-display requests to the host.
+class Container : public ui::View {
+  public:
+    explicit Container(AnnotationLayer::Host& host) : host_(host) {}
+    void setNeedsDisplay() override { host_.annotationsNeedDisplay(); }
+
+  private:
+    AnnotationLayer::Host& host_;
+};
+
+}  // namespace
+
+AnnotationLayer::AnnotationLayer(Host& host, std::shared_ptr<UserLocation> user)
+    : host_(host), user_(std::move(user)), container_(std::make_shared<Container>(host)) {
+    userEntry_.annotation = user_;
+}
+
+AnnotationLayer::~AnnotationLayer() = default;
+
+// The list -----------------------------------------------------------------------------------
+
+bool AnnotationLayer::userShown() const {
+    return showsUser_ && user_->isUpdating();
+}
+
+AnnotationLayer::Entry* AnnotationLayer::entryFor(const Annotation* a) {
+    return const_cast<Entry*>(std::as_const(*this).entryFor(a));
+}
+
+const AnnotationLayer::Entry* AnnotationLayer::entryFor(const Annotation* a) const {
+    if (!a)
+        return nullptr;
+    if (a == user_.get() && userShown())
+        return &userEntry_;
+    auto it = index_.find(a);
+    return it == index_.end() ? nullptr : &entries_[it->second];
+}
+
+bool AnnotationLayer::contains(const Annotation* a) const {
+    return entryFor(a) != nullptr;
+}
+
+bool AnnotationLayer::add(const std::shared_ptr<Annotation>& annotation) {
+    if (!annotation || contains(annotation.get()))
+        return false;
+    index_.emplace(annotation.get(), entries_.size());
+    entries_.push_back({annotation, nullptr, {NAN, NAN}, {}});
+    host_.annotationsNeedDisplay();
+    return true;
+}
+
+bool AnnotationLayer::remove(const std::shared_ptr<Annotation>& annotation) {
+    if (!annotation)
+        return false;
+    auto it = index_.find(annotation.get());
+    if (it == index_.end())
+        return false;
+    Entry& entry = entries_[it->second];
+    index_.erase(it);
+    // Moved out first: the view's removal may reach back into the layer.
+    auto keep = std::move(entry.annotation);
+    auto view = std::move(entry.view);
+    ++dead_;
+    if (view) {
+        view->setSelected(false);
+        view->removeFromSuperview();
+    }
+    if (selected_.lock() == annotation)
+        selected_.reset();
+    compact();
+    host_.annotationsNeedDisplay();
+    return true;
+}
+
+void AnnotationLayer::compact() {
+    // Removed entries stay as holes until they outnumber the live ones, so that removing
+    // thousands of annotations one by one costs linear time, not quadratic.
+    if (walking_ > 0 || dead_ < 64 || dead_ < index_.size())
+        return;
+    std::erase_if(entries_, [](const Entry& e) { return !e.annotation; });
+    dead_ = 0;
+    for (std::size_t i = 0; i < entries_.size(); ++i)
+        index_[entries_[i].annotation.get()] = i;
+}
+
+std::vector<std::shared_ptr<Annotation>> AnnotationLayer::annotations() const {
+    std::vector<std::shared_ptr<Annotation>> out;
+    out.reserve(index_.size() + 1);
+    for (auto& e : entries_)
+        if (e.annotation)
+            out.push_back(e.annotation);
+    if (userShown())
+        out.push_back(user_);
+    return out;
+}
+
+std::size_t AnnotationLayer::count() const {
+    return index_.size() + (userShown() ? 1 : 0);
+}
+
+void AnnotationLayer::setShowsUserLocation(bool shows) {
+    if (shows == showsUser_)
+        return;
+    showsUser_ = shows;
+    if (!shows && userEntry_.view) {
+        auto view = std::move(userEntry_.view);
+        view->removeFromSuperview();
+    }
+    host_.annotationsNeedDisplay();
+}
+
+template <class Fn>
+void AnnotationLayer::forEachEntry(Fn&& fn) {
+    ++walking_;
+    // Annotations added meanwhile wait for the next walk; entries_ may grow, so no references
+    // are kept across calls.
+    const std::size_t n = entries_.size();
+    for (std::size_t i = 0; i < n && i < entries_.size(); ++i)
+        if (entries_[i].annotation)
+            fn(entries_[i]);
+    if (userShown())
+        fn(userEntry_);
+    --walking_;
+    compact();
+}
+
+MapPoint AnnotationLayer::pointOf(Entry& e) {
+    Coordinate c = e.annotation->coordinate();
+    if (!(c == e.coordinate)) {
+        e.coordinate = c;
+        e.point = mapPointForCoordinate(c);
+    }
+    return e.point;
+}
+
+// Views --------------------------------------------------------------------------------------
+
+std::shared_ptr<AnnotationView> AnnotationLayer::viewFor(const Annotation* a) const {
+    const Entry* e = entryFor(a);
+    if (!e && a == user_.get())
+        e = &userEntry_;  // kept while the location is shown but not yet known
+    return e ? e->view : nullptr;
+}
+
+std::shared_ptr<AnnotationView> AnnotationLayer::makeView(
+    const std::shared_ptr<Annotation>& annotation, const Viewport& viewport) {
+    auto view = host_.askViewForAnnotation(annotation);
+    Entry* entry = entryFor(annotation.get());
+    if (!entry)
+        return nullptr;  // the host removed it meanwhile
+    if (entry->view)
+        return entry->view;
+    if (!view) {
+        if (annotation == user_)
+            view = std::make_shared<UserLocationView>(annotation);
+        else
+            view = std::make_shared<PinAnnotationView>(annotation);
+    }
+    entry->view = view;
+    container_->addSubview(view);
+    if (auto pin = std::dynamic_pointer_cast<PinAnnotationView>(view); pin && pin->animatesDrop()) {
+        gfx::AffineTransform above;
+        above.ty = -std::max(60.0, viewport.height() / 3);
+        pin->setTransform(above);
+        pin->animateTransform(gfx::AffineTransform::identity(), 0.3);
+    }
+    return view;
+}
+
+void AnnotationLayer::makeViewsNearScreen(const Viewport& viewport) {
+    Projection project = viewport.projection();
+    double right = viewport.width() + kViewMargin, bottom = viewport.height() + kViewMargin;
+    forEachEntry([&](Entry& e) {
+        if (e.view)
+            return;
+        gfx::Point p = project(pointOf(e));
+        if (p.x >= -kViewMargin && p.y >= -kViewMargin && p.x <= right && p.y <= bottom) {
+            auto annotation = e.annotation;  // e may move while the host is asked
+            makeView(annotation, viewport);
+        }
+    });
+}
+
+bool AnnotationLayer::isAnimating() const {
+    return container_->isAnimating();
+}
+
+// A frame ------------------------------------------------------------------------------------
+
+void AnnotationLayer::place(const Viewport& viewport) {
+    placed_.clear();
+    Projection project = viewport.projection();
+    double width = viewport.width(), height = viewport.height();
+    double scale = viewport.scale();
+    std::size_t order = 0;
+    bool sorted = true;
+    forEachEntry([&](Entry& e) {
+        ++order;
+        AnnotationView* v = e.view.get();
+        if (!v || v->isHidden())
+            return;
+        gfx::Point p = project(pointOf(e));
+        gfx::Size s = v->frame().size;
+        gfx::Point o = v->centerOffset();
+        // On whole device pixels: crisp, and a straight copy for image views.
+        gfx::Rect f{{std::round((p.x + o.x - s.width / 2) * scale) / scale,
+                     std::round((p.y + o.y - s.height / 2) * scale) / scale},
+                    s};
+        // A view's transform may carry it about as far as its own size.
+        double reach = std::max(s.width, s.height);
+        if (f.maxX() + reach < 0 || f.maxY() + reach < 0 || f.minX() - reach > width ||
+            f.minY() - reach > height)
+            return;
+        v->setFrame(f);
+        double z = v->zPosition();
+        if (!placed_.empty() && z < placed_.back().z)
+            sorted = false;
+        placed_.push_back({e.view, z, order});
+    });
+    if (!sorted)
+        std::sort(placed_.begin(), placed_.end(), [](const Placed& a, const Placed& b) {
+            return a.z < b.z || (a.z == b.z && a.order < b.order);
+        });
+}
+
+void AnnotationLayer::draw(cairo_t* context) {
+    ++frame_;
+    cairo_matrix_t base;
+    cairo_get_matrix(context, &base);
+    DirectBlitter blitter(context);
+    bool moved = false;  // the cairo fast path leaves device space in the context
+    for (auto& p : placed_) {
+        if (p.view->isHidden())
+            continue;
+        if (paintPlainImageView(context, base, blitter, *p.view)) {
+            moved = moved || !blitter.usable();
+            continue;
+        }
+        blitter.yield();
+        if (moved)
+            cairo_set_matrix(context, &base);
+        moved = false;
+        p.view->drawHierarchy(context);
+    }
+    blitter.yield();
+    if (moved)
+        cairo_set_matrix(context, &base);
+    placed_.clear();
+    // Surfaces of images no view showed this frame go; there are few images and many views.
+    if (surfaces_.size() > 64)
+        std::erase_if(surfaces_, [this](const auto& kv) { return kv.second.lastFrame != frame_; });
+}
+
+const AnnotationLayer::ImageSurface* AnnotationLayer::surfaceFor(
+    const std::shared_ptr<gfx::Image>& image) {
+    auto [it, made] = surfaces_.try_emplace(image.get());
+    ImageSurface& s = it->second;
+    if (made) {
+        // Read in place: the image is immutable and kept alive with the surface.
+        int w = image->pixelWidth(), h = image->pixelHeight();
+        const std::uint32_t* px = image->pixels().data();
+        s.image = image;
+        s.surface.reset(cairo_image_surface_create_for_data(
+            reinterpret_cast<unsigned char*>(const_cast<std::uint32_t*>(px)), CAIRO_FORMAT_ARGB32,
+            w, h, w * 4));
+        s.pixels = pixmanImageOver(px, w, h);
+        // Icons are mostly margin: only the box that holds visible pixels is painted.
+        int x0 = w, y0 = h, x1 = -1, y1 = -1;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                if (px[static_cast<std::size_t>(y) * w + x] >> 24) {
+                    x0 = std::min(x0, x);
+                    x1 = std::max(x1, x);
+                    y0 = std::min(y0, y);
+                    y1 = std::max(y1, y);
+                }
+            }
+        }
+        if (x1 >= 0)
+            s.inkX = x0, s.inkY = y0, s.inkWidth = x1 - x0 + 1, s.inkHeight = y1 - y0 + 1;
+    }
+    s.lastFrame = frame_;
+    return cairo_surface_status(s.surface.get()) == CAIRO_STATUS_SUCCESS && s.pixels ? &s : nullptr;
+}
+
+bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& base,
+                                          DirectBlitter& blitter, AnnotationView& v) {
+    // Only a view that draws exactly as the base class does, with nothing that needs the full
+    // draw: no subclass drawing, subviews, background, transform or translucency.
+    if (typeid(v) != typeid(AnnotationView) || !v.subviews().empty() || v.alpha() != 1.0 ||
+        v.backgroundColor().a > 0)
+        return false;
+    auto image = v.image();
+    if (!image || image->pixelWidth() <= 0 || image->pixelHeight() <= 0)
+        return false;
+    gfx::Rect f = v.frame();
+    if (f.size.width <= 0 || f.size.height <= 0 || !v.transform().isIdentity())
+        return false;
+    // The image's pixels must land one to one on whole device pixels; else the full draw
+    // filters them.
+    cairo_matrix_t m = base;
+    cairo_matrix_translate(&m, f.origin.x, f.origin.y);
+    cairo_matrix_scale(&m, f.size.width / image->pixelWidth(),
+                       f.size.height / image->pixelHeight());
+    constexpr double kEps = 1e-9;
+    if (std::abs(m.xx - 1) > kEps || std::abs(m.yy - 1) > kEps || m.xy != 0 || m.yx != 0)
+        return false;
+    double x0 = std::round(m.x0), y0 = std::round(m.y0);
+    if (std::abs(m.x0 - x0) > 1e-6 || std::abs(m.y0 - y0) > 1e-6)
+        return false;
+    const ImageSurface* s = surfaceFor(image);
+    if (!s)
+        return false;
+    if (s->inkWidth == 0)
+        return true;  // nothing shows
+    if (blitter.usable()) {
+        blitter.over(s->pixels.get(), s->inkX, s->inkY, static_cast<int>(x0) + s->inkX,
+                     static_cast<int>(y0) + s->inkY, s->inkWidth, s->inkHeight);
+        return true;
+    }
+    cairo_matrix_t device;
+    cairo_matrix_init_translate(&device, x0, y0);
+    cairo_set_matrix(cr, &device);
+    cairo_set_source_surface(cr, s->surface.get(), 0, 0);
+    cairo_rectangle(cr, s->inkX, s->inkY, s->inkWidth, s->inkHeight);
+    cairo_fill(cr);
+    return true;
+}
+
+std::shared_ptr<AnnotationView> AnnotationLayer::hitTest(gfx::Point point) {
+    std::shared_ptr<AnnotationView> hit;
+    for (auto it = placed_.rbegin(); it != placed_.rend(); ++it) {
+        auto& v = it->view;
+        if (v->isHidden() || v->alpha() <= 0.01)
+            continue;
+        gfx::Point local = container_->convertPoint(point, v.get());
+        if (v->bounds().contains(local)) {
+            hit = v;
+            break;
+        }
+    }
+    placed_.clear();
+    return hit;
+}
+
+// Selection ----------------------------------------------------------------------------------
+
+std::shared_ptr<Annotation> AnnotationLayer::selected() const {
+    auto s = selected_.lock();
+    return s && contains(s.get()) ? s : nullptr;
+}
+
+void AnnotationLayer::select(const std::shared_ptr<Annotation>& annotation,
+                             const Viewport& viewport) {
+    if (!annotation || !contains(annotation.get()))
+        return;
+    if (selected_.lock() == annotation)
+        return;
+    if (auto previous = selected_.lock())
+        deselect(previous);
+    auto view = viewFor(annotation.get());
+    if (!view)
+        view = makeView(annotation, viewport);
+    if (!view)
+        return;
+    selected_ = annotation;
+    view->setSelected(true);
+    host_.didSelectAnnotationView(view);
+}
+
+void AnnotationLayer::deselect(const std::shared_ptr<Annotation>& annotation) {
+    if (!annotation || selected_.lock() != annotation)
+        return;
+    selected_.reset();
+    auto view = viewFor(annotation.get());
+    if (!view)
+        return;
+    view->setSelected(false);
+    host_.didDeselectAnnotationView(view);
+}
+
+}  // namespace sorvan::map::detail

@@ -1,0 +1,158 @@
+// The map view's annotations and their views: the ordered list (the user location, when shown,
+// comes last), one view per annotation asked of the host the first time the annotation comes
+// near the screen and kept until the annotation leaves the map, placement of the views on their
+// points, draw order (z-position, then list order), hit testing and the one selection.
+//
+// Per frame the layer reads every annotation's coordinate (annotations announce no moves) but
+// re-projects only those that moved, and places, sorts and draws only views near the screen;
+// the frame's working lists keep their storage from frame to frame. Removal is amortised
+// constant time, so thousands of annotations can come and go. Views are placed on whole
+// device pixels, so that a plain image view (the common case: icons of tags, events, cameras)
+// is painted as a straight blend of its pixels (only the part that shows), directly onto the
+// frame's pixels where the target allows it.
+//
+// Main queue only. The host is called synchronously and may add or remove annotations (or
+// select and deselect) from inside its calls.
+#pragma once
+
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "graphics/cairo_handles.hpp"
+#include "map/direct_blitter.hpp"
+#include "map/viewport.hpp"
+#include "sorvan/platform/graphics/image.hpp"
+#include "sorvan/platform/map/annotation.hpp"
+#include "sorvan/platform/map/annotation_view.hpp"
+#include "sorvan/platform/ui/view.hpp"
+
+typedef struct _cairo cairo_t;
+
+namespace sorvan::map::detail {
+
+class AnnotationLayer {
+  public:
+    /// What the layer needs from its map view. Called on the main queue.
+    class Host {
+      public:
+        virtual ~Host() = default;
+        /// The delegate's view for an annotation, or null for the engine's default.
+        virtual std::shared_ptr<AnnotationView> askViewForAnnotation(
+            const std::shared_ptr<Annotation>& annotation) = 0;
+        virtual void didSelectAnnotationView(const std::shared_ptr<AnnotationView>& view) = 0;
+        virtual void didDeselectAnnotationView(const std::shared_ptr<AnnotationView>& view) = 0;
+        /// A view or the list changed in a way that shows.
+        virtual void annotationsNeedDisplay() = 0;
+    };
+
+    /// Views made beyond the bounds by this many points, so that they are ready when a pan
+    /// brings them in.
+    static constexpr double kViewMargin = 50;
+
+    AnnotationLayer(Host& host, std::shared_ptr<UserLocation> user);
+    ~AnnotationLayer();
+    AnnotationLayer(const AnnotationLayer&) = delete;
+    AnnotationLayer& operator=(const AnnotationLayer&) = delete;
+
+    // The list ------------------------------------------------------------------------------
+    /// False for null or an annotation already on the map.
+    bool add(const std::shared_ptr<Annotation>& annotation);
+    /// Drops the annotation and its view (deselected first). False when it was not in the
+    /// list (the user location is not removed this way).
+    bool remove(const std::shared_ptr<Annotation>& annotation);
+    bool contains(const Annotation* annotation) const;
+    /// In the order added; the user location last while shown and located.
+    std::vector<std::shared_ptr<Annotation>> annotations() const;
+    std::size_t count() const;
+
+    const std::shared_ptr<UserLocation>& userLocation() const { return user_; }
+    bool showsUserLocation() const { return showsUser_; }
+    /// Hiding the user location drops its view.
+    void setShowsUserLocation(bool shows);
+
+    // Views ---------------------------------------------------------------------------------
+    std::shared_ptr<AnnotationView> viewFor(const Annotation* annotation) const;
+    /// Asks for the views of annotations within kViewMargin of the screen that have none.
+    void makeViewsNearScreen(const Viewport& viewport);
+    /// The view of an annotation on the map, asked for now if it has none; null when the host
+    /// removed the annotation while asked.
+    std::shared_ptr<AnnotationView> makeView(const std::shared_ptr<Annotation>& annotation,
+                                             const Viewport& viewport);
+    /// The parent of every annotation view (not one of the map view's subviews).
+    ui::View& container() { return *container_; }
+    bool isAnimating() const;
+
+    // A frame -------------------------------------------------------------------------------
+    /// Puts the shown views near the screen on their points (centre offset applied) and
+    /// orders them for drawing and hit testing. Views far off screen keep their last frame.
+    void place(const Viewport& viewport);
+    /// Draws the placed views, bottom first, in the map view's space, and lets them go.
+    void draw(cairo_t* context);
+    /// The topmost placed view under a point (hidden and nearly transparent views do not
+    /// count), or null; lets the placed views go.
+    std::shared_ptr<AnnotationView> hitTest(gfx::Point point);
+
+    // Selection -----------------------------------------------------------------------------
+    /// The selected annotation while it is on the map.
+    std::shared_ptr<Annotation> selected() const;
+    /// Deselects any other annotation first; the selection is recorded before the host hears
+    /// of it, so that the host may undo it.
+    void select(const std::shared_ptr<Annotation>& annotation, const Viewport& viewport);
+    void deselect(const std::shared_ptr<Annotation>& annotation);
+
+  private:
+    struct Entry {
+        std::shared_ptr<Annotation> annotation;  // null once removed, until compaction
+        std::shared_ptr<AnnotationView> view;
+        Coordinate coordinate{NAN, NAN};  // as last projected
+        MapPoint point;
+    };
+    // Placed views are held strongly while drawn or hit: a view's draw may remove annotations.
+    struct Placed {
+        std::shared_ptr<AnnotationView> view;
+        double z;
+        std::size_t order;
+    };
+
+    // A cairo surface over an image's pixels, kept while views show the image.
+    struct ImageSurface {
+        std::shared_ptr<gfx::Image> image;  // keeps the pixels (and the key) alive
+        gfx::SurfacePtr surface;
+        PixmanImage pixels;
+        int inkX = 0, inkY = 0, inkWidth = 0, inkHeight = 0;  // where any pixel shows
+        std::uint64_t lastFrame = 0;
+    };
+
+    Entry* entryFor(const Annotation* annotation);
+    // Paints a plain image view as a pixel copy; false when it needs its full draw.
+    bool paintPlainImageView(cairo_t* context, const cairo_matrix_t& base, DirectBlitter& blitter,
+                             AnnotationView& view);
+    const ImageSurface* surfaceFor(const std::shared_ptr<gfx::Image>& image);
+    const Entry* entryFor(const Annotation* annotation) const;
+    bool userShown() const;
+    MapPoint pointOf(Entry& entry);
+    void compact();
+    // Calls fn(entry) for the list's entries, then the user location's while it is shown.
+    template <class Fn>
+    void forEachEntry(Fn&& fn);
+
+    Host& host_;
+    std::shared_ptr<UserLocation> user_;
+    bool showsUser_ = false;
+    Entry userEntry_;
+    std::vector<Entry> entries_;
+    std::unordered_map<const Annotation*, std::size_t> index_;  // live entries' positions
+    std::size_t dead_ = 0;
+    int walking_ = 0;  // > 0 while entries_ is being walked: no compaction
+    std::weak_ptr<Annotation> selected_;
+    std::shared_ptr<ui::View> container_;
+    std::vector<Placed> placed_;  // this frame's views near the screen, bottom first
+    std::unordered_map<const gfx::Image*, ImageSurface> surfaces_;
+    std::uint64_t frame_ = 0;
+};
+
+}  // namespace sorvan::map::detail
