@@ -31,3 +31,15 @@ function(sorvan_glob var)
     endforeach()
     set(${var} ${files} PARENT_SCOPE)
 endfunction()
+
+# sorvan_library_objects(target) makes a target's objects fit for the installed shared library:
+# position-independent, and hidden unless a public header marks them SORVAN_EXPORT. Inline
+# functions are hidden too, so an application always uses its own copies of them and never
+# depends on a private symbol through a header.
+function(sorvan_library_objects target)
+    set_target_properties(${target} PROPERTIES
+        POSITION_INDEPENDENT_CODE ON
+        CXX_VISIBILITY_PRESET hidden
+        C_VISIBILITY_PRESET hidden
+        VISIBILITY_INLINES_HIDDEN ON)
+endfunction()

@@ -1,8 +1,8 @@
 #include <chrono>
-#include <cstdlib>
 #include <optional>
 #include <thread>
 
+#include "foundation/number_text.hpp"
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
 #include "tile_cache.hpp"
@@ -17,15 +17,14 @@ namespace {
 // and "stamp=1" writes the tile's "mode z/x/y" on it.
 std::optional<Response> queryFault(const Request& request) {
     if (auto delay = request.queryItem("delay")) {
-        double seconds = std::strtod(delay->c_str(), nullptr);
-        if (seconds > 0 && seconds <= 600) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+        auto seconds = text::parseDouble(*delay);
+        if (seconds && *seconds > 0 && *seconds <= 600) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(*seconds));
         }
     }
     if (auto status = request.queryItem("status")) {
-        long code = std::strtol(status->c_str(), nullptr, 10);
-        if (code >= 100 && code <= 599) {
-            return Response::text(static_cast<int>(code), "status on request\n");
+        if (auto code = text::parseInteger(*status, 100, 599)) {
+            return Response::text(static_cast<int>(*code), "status on request\n");
         }
     }
     if (request.queryItem("garbage")) {

@@ -1,6 +1,6 @@
 // The routing service: "/tvroute/json/route/guide" plans a route and names it by an id;
 // "/tvroute/json/route/path" gives the same route's geometry for that id.
-#include <charconv>
+#include <climits>
 #include <cmath>
 #include <map>
 #include <memory>
@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "foundation/number_text.hpp"
 #include "road_network.hpp"
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
@@ -36,15 +37,7 @@ class RouteBook {
 
 std::optional<double> coordinate(const Request& request, const std::string& name) {
     auto text = request.queryItem(name);
-    double value = 0;
-    if (!text) {
-        return std::nullopt;
-    }
-    auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), value);
-    if (ec != std::errc() || end != text->data() + text->size() || !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
+    return text ? text::parseDouble(*text) : std::nullopt;
 }
 
 Response failure(int status, const std::string& message) {
@@ -68,9 +61,8 @@ Response guide(const Request& request, RouteBook& book) {
     auto mode = request.queryItem("mode").value_or("t");
     route.mode = mode == "d" || mode == "c" ? mode[0] : 't';
     if (auto type = request.queryItem("type")) {
-        long value = 0;
-        if (std::from_chars(type->data(), type->data() + type->size(), value).ec == std::errc()) {
-            route.type = value;
+        if (auto value = text::parseInteger(*type, LONG_MIN, LONG_MAX)) {
+            route.type = static_cast<long>(*value);
         }
     }
     auto planned = RoadNetwork::builtin().plan(route);
@@ -112,9 +104,8 @@ Response guide(const Request& request, RouteBook& book) {
 }
 
 Response path(const Request& request, const RouteBook& book) {
-    auto text = request.queryItem("id").value_or("");
-    long long id = 0;
-    std::from_chars(text.data(), text.data() + text.size(), id);
+    // An id that is no number names no route.
+    std::int64_t id = text::parseInteger(request.queryItem("id").value_or("")).value_or(0);
     auto data = nlohmann::json::array();
     if (auto route = book.find(id)) {
         if (auto planned = RoadNetwork::builtin().plan(*route)) {

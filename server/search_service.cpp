@@ -1,10 +1,10 @@
 // The search and suggest services: "/mapsearch/json/search" and "/mapsearch/json/suggest".
-#include <charconv>
 #include <cmath>
 #include <string>
 
 #include <nlohmann/json.hpp>
 
+#include "foundation/number_text.hpp"
 #include "place_catalogue.hpp"
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
@@ -16,26 +16,16 @@ constexpr std::size_t kMaxPage = 100;
 
 std::optional<double> number(const Request& request, const std::string& name) {
     auto text = request.queryItem(name);
-    if (!text) {
-        return std::nullopt;
-    }
-    double value = 0;
-    auto [end, ec] = std::from_chars(text->data(), text->data() + text->size(), value);
-    if (ec != std::errc() || end != text->data() + text->size() || !std::isfinite(value)) {
-        return std::nullopt;
-    }
-    return value;
+    return text ? text::parseDouble(*text) : std::nullopt;
 }
 
 std::size_t count(const Request& request, const std::string& name, std::size_t fallback) {
     auto text = request.queryItem(name);
-    long long value = 0;
-    if (!text ||
-        std::from_chars(text->data(), text->data() + text->size(), value).ec != std::errc() ||
-        value < 0) {
+    auto value = text ? text::parseInteger(*text, 0) : std::nullopt;
+    if (!value) {
         return fallback;
     }
-    return static_cast<std::size_t>(std::min<long long>(value, 1000000));
+    return static_cast<std::size_t>(std::min<std::int64_t>(*value, 1000000));
 }
 
 double rounded(double value, double scale) {

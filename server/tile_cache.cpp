@@ -6,26 +6,12 @@
 #include <mutex>
 
 #include "foundation/byte_lru.hpp"
+#include "foundation/number_text.hpp"
+#include "sorvan/platform/foundation/url.hpp"
 #include "tile_painter.hpp"
 
 namespace sorvan::server {
 namespace {
-
-std::string percentDecode(std::string_view s) {
-    std::string out;
-    for (std::size_t i = 0; i < s.size(); ++i) {
-        if (s[i] == '%' && i + 2 < s.size() &&
-            std::isxdigit(static_cast<unsigned char>(s[i + 1])) &&
-            std::isxdigit(static_cast<unsigned char>(s[i + 2]))) {
-            out.push_back(static_cast<char>(
-                std::strtol(std::string(s.substr(i + 1, 2)).c_str(), nullptr, 16)));
-            i += 2;
-        } else {
-            out.push_back(s[i]);
-        }
-    }
-    return out;
-}
 
 std::optional<std::string> item(std::string_view query, std::string_view name) {
     while (!query.empty()) {
@@ -34,7 +20,7 @@ std::optional<std::string> item(std::string_view query, std::string_view name) {
         std::size_t eq = pair.find('=');
         if (pair.substr(0, eq) == name) {
             return eq == std::string_view::npos ? std::string()
-                                                : percentDecode(pair.substr(eq + 1));
+                                                : net::percentDecode(pair.substr(eq + 1));
         }
         if (amp == std::string_view::npos) {
             break;
@@ -45,15 +31,7 @@ std::optional<std::string> item(std::string_view query, std::string_view name) {
 }
 
 std::optional<double> number(const std::optional<std::string>& text) {
-    if (!text || text->empty()) {
-        return std::nullopt;
-    }
-    char* end = nullptr;
-    double v = std::strtod(text->c_str(), &end);
-    if (*end != '\0' || !std::isfinite(v)) {
-        return std::nullopt;
-    }
-    return v;
+    return text ? text::parseDouble(*text) : std::nullopt;
 }
 
 // Least-recently-used PNG bytes, bounded by their total size. Thread-safe.

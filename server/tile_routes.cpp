@@ -19,6 +19,7 @@
 #include <string>
 #include <thread>
 
+#include "foundation/number_text.hpp"
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
 #include "tile_cache.hpp"
@@ -41,34 +42,6 @@ std::map<std::string, std::string> wmsParameters(const Request& request) {
         out.emplace(upper(k), v);
     }
     return out;
-}
-
-std::optional<long long> parseInteger(const std::string& text) {
-    if (text.empty() || text.size() > 18) {
-        return std::nullopt;
-    }
-    std::size_t at = text[0] == '-' ? 1 : 0;
-    if (at == text.size()) {
-        return std::nullopt;
-    }
-    for (std::size_t i = at; i < text.size(); ++i) {
-        if (!std::isdigit(static_cast<unsigned char>(text[i]))) {
-            return std::nullopt;
-        }
-    }
-    return std::stoll(text);
-}
-
-std::optional<double> parseNumber(const std::string& text) {
-    if (text.empty()) {
-        return std::nullopt;
-    }
-    char* end = nullptr;
-    double v = std::strtod(text.c_str(), &end);
-    if (end != text.c_str() + text.size() || !std::isfinite(v)) {
-        return std::nullopt;
-    }
-    return v;
 }
 
 Response badRequest(const std::string& why) {
@@ -95,8 +68,8 @@ Response wms(const Request& request) {
     if (!format.empty() && format.rfind("image/png", 0) != 0) {
         return badRequest("WMS: FORMAT must be image/png");
     }
-    auto width = parseInteger(param("WIDTH"));
-    auto height = parseInteger(param("HEIGHT"));
+    auto width = text::parseInteger(param("WIDTH"));
+    auto height = text::parseInteger(param("HEIGHT"));
     if (!width || !height || *width < 1 || *height < 1 || *width > 4096 || *height > 4096) {
         return badRequest("WMS: WIDTH and HEIGHT must be 1..4096");
     }
@@ -108,7 +81,7 @@ Response wms(const Request& request) {
         if ((i < 3) == (comma == std::string::npos)) {
             return badRequest("WMS: BBOX must be four numbers");
         }
-        auto v = parseNumber(
+        auto v = text::parseDouble(
             bboxText.substr(start, comma == std::string::npos ? std::string::npos : comma - start));
         if (!v) {
             return badRequest("WMS: BBOX must be four numbers");
@@ -150,7 +123,7 @@ std::optional<std::array<std::int64_t, 3>> tilePath(const std::string& path,
         if ((i < 2) == (slash == std::string::npos)) {
             return std::nullopt;
         }
-        auto n = parseInteger(
+        auto n = text::parseInteger(
             rest.substr(start, slash == std::string::npos ? std::string::npos : slash - start));
         if (!n) {
             return std::nullopt;
@@ -209,13 +182,13 @@ Response data(const Request& request) {
 Handler withFaults(Handler handler) {
     return [handler = std::move(handler)](const Request& request) {
         if (auto delay = request.queryItem("delay")) {
-            if (auto seconds = parseNumber(*delay); seconds && *seconds > 0) {
+            if (auto seconds = text::parseDouble(*delay); seconds && *seconds > 0) {
                 std::this_thread::sleep_for(
                     std::chrono::duration<double>(std::min(*seconds, 600.0)));
             }
         }
         if (auto status = request.queryItem("status")) {
-            if (auto code = parseInteger(*status); code && *code >= 100 && *code <= 599) {
+            if (auto code = text::parseInteger(*status); code && *code >= 100 && *code <= 599) {
                 return Response::text(static_cast<int>(*code), "status on request\n");
             }
         }

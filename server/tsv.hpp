@@ -1,10 +1,11 @@
 // Reading the tab-separated data files of the embedded service. Pure; thread-safe.
 #pragma once
 
-#include <charconv>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include "foundation/number_text.hpp"
 
 namespace sorvan::server {
 
@@ -36,12 +37,7 @@ inline std::vector<std::vector<std::string_view>> tsvRows(std::string_view text)
 }
 
 inline std::optional<double> tsvDouble(std::string_view field) {
-    double value = 0;
-    auto [end, ec] = std::from_chars(field.data(), field.data() + field.size(), value);
-    if (ec != std::errc() || end != field.data() + field.size()) {
-        return std::nullopt;
-    }
-    return value;
+    return text::parseDouble(field);
 }
 
 }  // namespace sorvan::server

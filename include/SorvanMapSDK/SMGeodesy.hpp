@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 #include "sorvan/platform/map/overlay.hpp"
 
@@ -33,7 +34,7 @@ inline constexpr std::string_view kEmptyPolygon =
     "Invalid polygon: the polygon has no points, so it has no first point to close its ring";
 
 /// The parts of a UTM text.
-struct UTMPosition {
+struct SORVAN_EXPORT UTMPosition {
     /// floor((longitude + 180) / 6) + 1, unclamped: longitude 180 gives zone 61.
     std::int64_t zone = 0;
     /// The latitude band letter, or 'N' / 'S' for the hemisphere.
@@ -49,17 +50,17 @@ struct UTMPosition {
 /// degrees each), "X" for 72 < latitude < 84, "Z" above 84, and "A" otherwise (exactly 72,
 /// exactly 84, -80 and below). Without it, the letter is the hemisphere: "N" for latitude >= 0,
 /// else "S". A southern northing has 10000000 added.
-UTMPosition utmPositionFrom(map::Coordinate coordinate, bool withZone);
+SORVAN_EXPORT UTMPosition utmPositionFrom(map::Coordinate coordinate, bool withZone);
 
 /// Room enough for any text formatUTM writes.
 inline constexpr std::size_t kMaxUTMTextLength = 64;
 /// Writes "<zone><letter>, <easting>, <northing>" to out, which has room for kMaxUTMTextLength
 /// chars (no terminating NUL is written). Returns the number of chars written. Allocates nothing.
-std::size_t formatUTM(const UTMPosition& position, char* out);
+SORVAN_EXPORT std::size_t formatUTM(const UTMPosition& position, char* out);
 
 /// formatUTM(utmPositionFrom(coordinate, withZone)) as a string:
 /// UTMFrom({13.7563, 100.5018}, true) is "47P, 662367, 1521281" and with false "47N, ...".
-std::string UTMFrom(map::Coordinate coordinate, bool withZone);
+SORVAN_EXPORT std::string UTMFrom(map::Coordinate coordinate, bool withZone);
 
 /// The coordinate of a UTM text of the form UTMFrom writes. Every " " is ignored; the text must
 /// split at "," into exactly three parts, else std::invalid_argument(kInvalidUTMFormat) is thrown
@@ -69,12 +70,12 @@ std::string UTMFrom(map::Coordinate coordinate, bool withZone);
 /// lower-case letters, is northern. A zone, easting or northing that is not a number reads as
 /// 0, as much of each as is a number counting. The latitude is cut down (toward minus infinity)
 /// to six decimals; the longitude is not rounded.
-map::Coordinate coordinateFromUTM(std::string_view text);
+SORVAN_EXPORT map::Coordinate coordinateFromUTM(std::string_view text);
 
 /// The area in square metres of the ring through the shape's points (map points, converted with
 /// map::coordinateForMapPoint), closed back to the first point, on a sphere of radius 6378137 m.
 /// Fewer than two points give 0. Throws std::invalid_argument(kEmptyPolygon) for a shape with no
 /// points.
-double areaOfPolygon(const map::MultiPoint& polygon);
+SORVAN_EXPORT double areaOfPolygon(const map::MultiPoint& polygon);
 
 }  // namespace sorvan::geodesy

@@ -6,12 +6,13 @@
 #include <memory>
 #include <utility>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 
 namespace sorvan {
 
-class SMIcon {
+class SORVAN_EXPORT SMIcon {
   public:
     /// The only way to make an icon: alpha 1.0 and offset (0, 0).
     explicit SMIcon(std::shared_ptr<gfx::Image> image) : image_(std::move(image)) {}

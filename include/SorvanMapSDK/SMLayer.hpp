@@ -14,6 +14,8 @@
 #include <memory>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
 /// Which layer a tile comes from. Plain integers: values are never validated, and unknown
@@ -60,7 +62,7 @@ inline constexpr SMTileFormat SMTileFormatData = 3;
 inline constexpr SMTileFormat SMTileFormatWMS4326 = 4;  ///< WMS 1.1.1 GetMap, degrees
 inline constexpr SMTileFormat SMTileFormatWMS3857 = 5;  ///< WMS 1.1.1 GetMap, metres
 
-class SMLayer {
+class SORVAN_EXPORT SMLayer {
   public:
     /// A layer of the given mode with tileFormat 0, empty sourceLayer and referer, alpha 1.0
     /// and zoom range 1 to 20. The mode is not validated.

@@ -11,11 +11,12 @@
 #include <utility>
 
 #include "SorvanMapSDK/SMIcon.hpp"
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/annotation.hpp"
 
 namespace sorvan {
 
-class SMPinAnnotation : public map::Annotation {
+class SORVAN_EXPORT SMPinAnnotation : public map::Annotation {
   public:
     SMPinAnnotation() = default;
 

@@ -7,11 +7,12 @@
 #include <string>
 #include <utility>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/overlay.hpp"
 
 namespace sorvan {
 
-class SMRouteGuide {
+class SORVAN_EXPORT SMRouteGuide {
   public:
     SMRouteGuide() = default;
 

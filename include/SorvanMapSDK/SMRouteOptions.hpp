@@ -3,9 +3,11 @@
 
 #include <cstdint>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
-class SMRouteOptions {
+class SORVAN_EXPORT SMRouteOptions {
   public:
     SMRouteOptions() = default;
 

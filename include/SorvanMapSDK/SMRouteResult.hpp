@@ -8,10 +8,11 @@
 #include <vector>
 
 #include "SorvanMapSDK/SMRouteGuide.hpp"
+#include "sorvan/platform/export.hpp"
 
 namespace sorvan {
 
-class SMRouteResult {
+class SORVAN_EXPORT SMRouteResult {
   public:
     SMRouteResult() = default;
 

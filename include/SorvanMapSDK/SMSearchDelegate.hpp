@@ -7,11 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
 class SMPinAnnotation;
 
-class SMSearchDelegate {
+class SORVAN_EXPORT SMSearchDelegate {
   public:
     virtual ~SMSearchDelegate() = default;
     /// One pin per hit, in the service's order (possibly none).

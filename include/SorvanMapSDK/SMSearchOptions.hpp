@@ -5,11 +5,12 @@
 #include <string>
 #include <utility>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan {
 
-class SMSearchOptions {
+class SORVAN_EXPORT SMSearchOptions {
   public:
     SMSearchOptions() = default;
 

@@ -3,9 +3,11 @@
 
 #include <cstdint>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
-class SMSuggestOptions {
+class SORVAN_EXPORT SMSuggestOptions {
   public:
     SMSuggestOptions() = default;
 

@@ -29,6 +29,7 @@
 #include <vector>
 
 #include "SorvanMapSDK/SMLayer.hpp"
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 #include "sorvan/platform/graphics/image.hpp"
@@ -37,12 +38,12 @@
 
 namespace sorvan {
 
-class SMTileDataDelegate;  // SorvanMapView.hpp
+class SORVAN_EXPORT SMTileDataDelegate;  // SorvanMapView.hpp
 namespace tiles {
-struct LayerStack;  // a tile load's snapshot of the layers
+struct SORVAN_EXPORT LayerStack;  // a tile load's snapshot of the layers
 }
 
-class SMTileOverlay : public map::TileOverlay {
+class SORVAN_EXPORT SMTileOverlay : public map::TileOverlay {
   public:
     /// The overlay initializer: layers `modes` (bottom first), the service key (stored
     /// process-wide), the box domain (stored process-wide; nullopt = none) and the language

@@ -14,7 +14,10 @@
 #include "SorvanMapSDK/SMTileOverlay.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
+#include "SorvanMapSDK/Version.hpp"
+#include "sorvan/platform/export.hpp"
 
-/// The kit's version as text ("3.13") and as a number.
-extern "C" const char SorvanMapSDKVersionString[];
-extern "C" const double SorvanMapSDKVersionNumber;
+/// The version of the library the program runs with, as text ("3.13") and as a number (3.13).
+/// SorvanMapSDK/Version.hpp has the version of the headers, for #if.
+extern "C" SORVAN_EXPORT const char SorvanMapSDKVersionString[];
+extern "C" SORVAN_EXPORT const double SorvanMapSDKVersionNumber;

@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
@@ -37,7 +38,7 @@ class SMRouteOptions;
 class SMRouteResult;
 
 /// Receives the raw answers of data-template tile layers (format 3).
-class SMTileDataDelegate {
+class SORVAN_EXPORT SMTileDataDelegate {
   public:
     virtual ~SMTileDataDelegate() = default;
     virtual void dataFromTile(const net::Data& data) = 0;
@@ -58,7 +59,9 @@ using SMPathResult =
 
 /// Also the data delegate of its own format-3 tile overlays: it forwards their answers to the
 /// host's dataDelegate.
-class SorvanMapView : public map::MapView, public map::MapViewDelegate, public SMTileDataDelegate {
+class SORVAN_EXPORT SorvanMapView : public map::MapView,
+                                    public map::MapViewDelegate,
+                                    public SMTileDataDelegate {
   public:
     /// A new view that is its own map delegate. Runs the class start-up on first use.
     static std::shared_ptr<SorvanMapView> create(gfx::Rect frame = {0, 0, 320, 480});
@@ -85,10 +88,15 @@ class SorvanMapView : public map::MapView, public map::MapViewDelegate, public S
     void setLanguage(std::int64_t language);
     /// The locale code of a language value.
     static const char* localeCode(std::int64_t language) { return language == 2 ? "en" : "th"; }
+    /// The disk cache mode of tile overlays made from now on, also sent to every tile overlay
+    /// on the map: 2 = off, any other value = on. Until the host sets it, it is 2, however the
+    /// view was made.
     void setCache(std::int64_t mode);
     /// Empties the tile disk cache under a search-path directory (13 = caches): removes every
-    /// entry of its "tileCache/" folder, then the "tileList" default. False when the folder
-    /// does not exist or a removal fails (entries removed before stay removed).
+    /// entry of its "tileCache/" folder, then the "tileList" default. The names of the removed
+    /// tiles stay listed in memory, and the next cached download stores that whole list again.
+    /// False when the folder does not exist or a removal fails (entries removed before stay
+    /// removed).
     static bool clearCaches(long directory);
     /// Empties the shared URL response cache, then clearCaches(13).
     static bool clearAllCaches();

@@ -11,29 +11,39 @@ namespace {
 struct State {
     std::string apikey;
     std::optional<net::URL> boxDomain;
+    // A view made in code starts as one loaded from a layout description does, with the disk
+    // cache off: an application then caches the same way however it builds its view, 2 is the
+    // only mode the kit ever chooses by itself, and writing up to ten thousand tiles to the
+    // user's disk stays a decision the host makes with setCache.
     std::int64_t cache = 2;
     std::int32_t currentZoom = 0;
     double currentHeading = 0;
-    std::optional<net::URL> layerServer;
-    std::optional<net::URL> trafficServer;
     std::shared_ptr<ui::Button> legalLabel;
     std::shared_ptr<dispatch::Timer> trafficTimer;
     bool isTrafficShowed = false;
     std::shared_ptr<dispatch::Timer> eventTimer;
 };
 
-State initialState() {
-    State s;
-    ServiceConfig config = ServiceConfig::current();
-    s.layerServer = net::URL::fromString(config.mapServer);
-    s.trafficServer = net::URL::fromString(config.trafficServer);
+std::mutex gMutex;
+State& state() {
+    static State s;
     return s;
 }
 
-std::mutex gMutex;
-State& state() {
-    static State s = initialState();
-    return s;
+// The two service addresses are the configuration itself, not a copy taken when the first
+// setting was touched: a configuration the host sets later reaches the next tile all the same.
+std::optional<net::URL> configuredURL(std::string ServiceConfig::*field) {
+    std::string address = ServiceConfig::current().*field;
+    if (address.empty()) {
+        return std::nullopt;
+    }
+    return net::URL::fromString(address);
+}
+
+void configureURL(std::string ServiceConfig::*field, const std::optional<net::URL>& url) {
+    ServiceConfig::update([&](ServiceConfig& config) {
+        config.*field = url ? url->absoluteString() : std::string();
+    });
 }
 
 template <typename T>
@@ -81,16 +91,16 @@ void setCurrentHeading(double heading) {
     set(&State::currentHeading, heading);
 }
 std::optional<net::URL> layerServer() {
-    return get(&State::layerServer);
+    return configuredURL(&ServiceConfig::mapServer);
 }
 void setLayerServer(std::optional<net::URL> url) {
-    set(&State::layerServer, std::move(url));
+    configureURL(&ServiceConfig::mapServer, url);
 }
 std::optional<net::URL> trafficServer() {
-    return get(&State::trafficServer);
+    return configuredURL(&ServiceConfig::trafficServer);
 }
 void setTrafficServer(std::optional<net::URL> url) {
-    set(&State::trafficServer, std::move(url));
+    configureURL(&ServiceConfig::trafficServer, url);
 }
 std::shared_ptr<ui::Button> legalLabel() {
     return get(&State::legalLabel);
@@ -118,9 +128,8 @@ void setEventTimer(std::shared_ptr<dispatch::Timer> t) {
 }
 
 void resetForTesting() {
-    State fresh = initialState();
     std::lock_guard lock(gMutex);
-    state() = std::move(fresh);
+    state() = State{};
 }
 
 }  // namespace sorvan::globals

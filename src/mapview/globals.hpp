@@ -33,10 +33,12 @@ void setCurrentZoom(std::int32_t zoom);
 double currentHeading();
 void setCurrentHeading(double heading);
 
-/// Base address of the tile layer service; unset = the configured map server.
+/// Base address of the tile layer service: ServiceConfig::current().mapServer, read on every
+/// call; setting it changes the current configuration.
 std::optional<net::URL> layerServer();
 void setLayerServer(std::optional<net::URL> url);
-/// Base address of the traffic tile service; unset = traffic tiles get no picture.
+/// Base address of the traffic tile service: ServiceConfig::current().trafficServer, read on
+/// every call; unset (or empty) = traffic tiles get no picture.
 std::optional<net::URL> trafficServer();
 void setTrafficServer(std::optional<net::URL> url);
 
@@ -51,8 +53,8 @@ void setIsTrafficShowed(bool shown);
 std::shared_ptr<dispatch::Timer> eventTimer();
 void setEventTimer(std::shared_ptr<dispatch::Timer> timer);
 
-/// Restores every value above to its initial state (layer and traffic servers from the
-/// current ServiceConfig).
+/// Restores every value above to its initial state (the layer and traffic servers belong to
+/// the ServiceConfig and are left alone).
 void resetForTesting();
 
 }  // namespace sorvan::globals

@@ -15,6 +15,7 @@
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/ui/layout_constraint.hpp"
+#include "tiles/tile_cache.hpp"
 
 namespace sorvan {
 
@@ -148,8 +149,8 @@ void SorvanMapView::setLanguage(std::int64_t language) {
 
 void SorvanMapView::setCache(std::int64_t mode) {
     globals::setCache(mode);
-    // Only tile overlays have a cache mode. The original sent the setting to every overlay
-    // unchecked and would have failed on any other kind; other overlays are skipped here.
+    // Only tile overlays have a cache mode: any other overlay a host put on the map is skipped
+    // rather than failing on a setting it cannot take.
     for (const auto& overlay : overlays()) {
         if (auto tile = std::dynamic_pointer_cast<SMTileOverlay>(overlay)) {
             tile->setCache(mode);
@@ -179,9 +180,8 @@ bool SorvanMapView::clearCaches(long directory) {
             return false;
         }
     }
-    Defaults& defaults = Defaults::standard();
-    defaults.removeObjectForKey("tileList");
-    defaults.synchronize();
+    // The names stay listed in memory for the next download to store again.
+    tiles::TileCache::shared().removeStoredList();
     return true;
 }
 

@@ -70,4 +70,12 @@ void ServiceConfig::setCurrent(ServiceConfig config) {
     gCurrent = std::move(config);
 }
 
+void ServiceConfig::update(const std::function<void(ServiceConfig&)>& change) {
+    std::lock_guard lock(gMutex);
+    if (!gCurrent) {
+        gCurrent = fromEnvironment();
+    }
+    change(*gCurrent);
+}
+
 }  // namespace sorvan

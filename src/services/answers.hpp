@@ -30,7 +30,7 @@ Words readWords(const json::Value& root, const std::string& keyword);
 /// The figures and id of a guide answer, and the route object the steps are read from later.
 struct RouteHead {
     std::shared_ptr<SMRouteResult> route;
-    json::Value routeJson;  // null when the answer had no "data"
+    json::Value routeJson;  // an empty object when the answer had no "data"
     std::int64_t id = 0;
 };
 /// Throws (json::StructureError) for an answer whose route cannot be read.

@@ -29,22 +29,23 @@ void logPathError(std::int64_t routeId, const std::string& description) {
 }
 
 // The route is the first element of "data". An answer with no "data" at all reads as an empty
-// route (every figure 0, id 0, no steps); a "data" that is present but not a non-empty array,
-// or a route that is not an object, is a fault.
+// route (every figure 0, id 0, no steps): an empty object stands in for it, so the reads below
+// stay the same for both. A "data" that is present but not a non-empty array, or a route that
+// is not an object (a null included), is a fault, raised when the route is read.
 json::Value routeOf(json::Value& root) {
     if (root.is_object() && !root.contains("data")) {
-        return json::Value();
+        return json::Value::object();
     }
     json::element(json::member(root, "data"), 0);  // raises for anything but a non-empty list
     return std::move(root["data"][0]);
 }
 
 double routeDouble(const json::Value& route, const char* key) {
-    return route.is_null() ? 0.0 : json::doubleValue(json::member(route, key));
+    return json::doubleValue(json::member(route, key));
 }
 
 std::int64_t routeInteger(const json::Value& route, const char* key) {
-    return route.is_null() ? 0 : json::integerValue(json::member(route, key));
+    return json::integerValue(json::member(route, key));
 }
 
 std::string textOf(const json::Value& v) {
@@ -87,9 +88,6 @@ RouteHead readRouteHead(json::Value root) {
 std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(const json::Value& route,
                                                      const std::optional<Polylines>& lines) {
     std::vector<std::shared_ptr<SMRouteGuide>> guides;
-    if (route.is_null()) {
-        return guides;
-    }
     const auto& steps = json::arrayItems(json::member(route, "guide"));
     bool withGeometry = lines && lines->size() == steps.size();
     for (std::size_t i = 0; i < steps.size(); ++i) {

@@ -181,7 +181,8 @@ std::optional<std::string> serverBase(std::int64_t mode) {
     if (auto layer = globals::layerServer()) {
         return layer->absoluteString();
     }
-    return ServiceConfig::current().mapServer;
+    // No usable map server: the address cannot become a URL and the layer is left out.
+    return std::string();
 }
 
 LayerAddress addressOf(const tiles::LayerStack& layers, std::size_t i, const map::TilePath& path) {

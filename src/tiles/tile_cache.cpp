@@ -135,8 +135,13 @@ std::vector<std::string> TileCache::tileList() const {
     return {list_.begin(), list_.end()};
 }
 
-void TileCache::defaultsRemoved() {
+void TileCache::removeStoredList() {
+    // Under the lock, so that no download appends to the stored list between its removal and
+    // the note that it is gone.
     std::lock_guard lock(mutex_);
+    Defaults& store = defaults();
+    store.removeObjectForKey(kListKey);
+    store.synchronize();
     mirrored_ = false;
 }
 

@@ -56,10 +56,11 @@ class TileCache {
     /// A copy of the list, oldest first.
     std::vector<std::string> tileList() const;
 
-    /// Tells the cache that something removed the list from the defaults (clearing the cache
-    /// directory does): the next store() writes the whole in-memory list back, as it has always
-    /// been mirrored, instead of appending to a list that no longer exists.
-    void defaultsRemoved();
+    /// Removes the list from the defaults (clearing the cache directory does) and keeps the
+    /// names in memory: the next store() writes the whole remaining list back instead of
+    /// appending to a list that no longer exists, so a later process still knows every file
+    /// it may have to evict.
+    void removeStoredList();
 
     /// Uses another defaults store (nullptr = the standard one). Tests.
     void setDefaultsForTesting(Defaults* defaults);

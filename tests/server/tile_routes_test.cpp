@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "sorvan/platform/graphics/image.hpp"
 #include "support/service_harness.hpp"
 
@@ -75,6 +77,40 @@ TEST_F(TileRoutes, DataTilesEchoTheirAddressAndFaultsFollowTheQuery) {
     EXPECT_EQ(garbage.status(), 200);
     EXPECT_FALSE(picture(garbage));
     EXPECT_EQ(testing::fetch(url("/tiles/1/0/0.png?delay=0.05")).status(), 200);
+}
+
+TEST_F(TileRoutes, NumbersInAQueryCountOnlyWhenTheyAreTheWholeValue) {
+    const std::string map = "/map/msn-server/img.php?mode=normal&res=0&imgid=0";
+    // A fault asked with something that is not wholly a number is no fault at all.
+    for (const std::string& path :
+         {std::string("/tiles/1/0/0.png?status=503x"), std::string("/tiles/1/0/0.png?status=0x1F7"),
+          map + "&status=503x", map + "&status=%20503", map + "&status=5e2"}) {
+        EXPECT_EQ(testing::fetch(url(path)).status(), 200) << path;
+    }
+    EXPECT_EQ(testing::fetch(url(map + "&status=+503")).status(), 503);
+
+    // Tile addresses and boxes whose numbers have another shape are refused.
+    for (const char* res : {"0x0", "%200", "0abc", "nan"}) {
+        std::string path =
+            std::string("/map/msn-server/img.php?mode=normal&res=") + res + "&imgid=0";
+        EXPECT_EQ(testing::fetch(url(path)).status(), 400) << path;
+    }
+    const std::string wms =
+        "/wms?SERVICE=WMS&REQUEST=GetMap&SRS=EPSG:3857&WIDTH=256&HEIGHT=256&BBOX=";
+    EXPECT_EQ(testing::fetch(url(wms + "1,2,3,4")).status(), 200);
+    for (const char* box : {"0x1,2,3,4", "%201,2,3,4", "1,2,3,inf", "1,2,3,1e999"}) {
+        EXPECT_EQ(testing::fetch(url(wms + box)).status(), 400) << box;
+    }
+
+    // A page size that is not wholly a number gives the default page.
+    auto hits = [&](const std::string& limit) {
+        auto r = testing::fetch(url("/mapsearch/json/search?keyword=a&limit=" + limit));
+        return nlohmann::json::parse(r.body()).at("data").size();
+    };
+    EXPECT_EQ(hits("3"), 3u);
+    EXPECT_EQ(hits("+3"), 3u);
+    EXPECT_EQ(hits("3x"), hits(""));
+    EXPECT_GT(hits(""), 3u);
 }
 
 }  // namespace

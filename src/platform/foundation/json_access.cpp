@@ -55,6 +55,14 @@ std::string kindName(const Value& v) {
     throw StructureError("expected " + std::string(expected) + ", found " + kindName(found));
 }
 
+// A null the answer holds is an object that has no number to give; only an absent member
+// reads as 0.
+void requireNumberSource(const Value& v) {
+    if (v.is_null() && !isMissing(v)) {
+        wrongKind("a number", v);
+    }
+}
+
 bool isSpace(char c) {
     return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\v' || c == '\f';
 }
@@ -87,7 +95,8 @@ std::int64_t integerFromText(std::string_view s) {
     if (i < s.size() && (s[i] == '+' || s[i] == '-')) {
         negative = s[i] == '-';
         ++i;
-        // The original scanner let white space sit between the sign and the digits.
+        // Answers have always been read with white space allowed between the sign and the
+        // digits.
         while (i < s.size() && isSpace(s[i])) {
             ++i;
         }
@@ -123,8 +132,8 @@ double doubleFromText(std::string_view s) {
     while (i < s.size() && isSpace(s[i])) {
         ++i;
     }
-    // Limiting the text to these characters keeps out what strtod would otherwise accept
-    // but the original did not: "inf", "nan", hexadecimal.
+    // Limiting the text to these characters keeps out what strtod would otherwise accept but
+    // answers were never read as: "inf", "nan", hexadecimal.
     std::size_t end = i;
     while (end < s.size() && (isDigit(s[end]) || s[end] == '+' || s[end] == '-' || s[end] == '.' ||
                               s[end] == 'e' || s[end] == 'E')) {
@@ -226,7 +235,7 @@ const Value::array_t& arrayItems(const Value& arr) {
 }
 
 std::optional<std::string> stringValue(const Value& v) {
-    if (v.is_null()) {
+    if (isMissing(v)) {
         return std::nullopt;
     }
     if (!v.is_string()) {
@@ -236,6 +245,7 @@ std::optional<std::string> stringValue(const Value& v) {
 }
 
 std::int64_t integerValue(const Value& v) {
+    requireNumberSource(v);
     switch (v.type()) {
         case Value::value_t::number_integer:
             return v.get<std::int64_t>();
@@ -256,6 +266,7 @@ std::int64_t integerValue(const Value& v) {
 }
 
 double doubleValue(const Value& v) {
+    requireNumberSource(v);
     switch (v.type()) {
         case Value::value_t::number_integer:
         case Value::value_t::number_unsigned:

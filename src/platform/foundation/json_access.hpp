@@ -1,4 +1,5 @@
-// Reading service answers the way the original did: nlohmann values with coercing accessors.
+// Reading service answers: nlohmann values with coercing accessors, so that every service
+// reads numbers, strings and absent members by the same rules.
 // Private to the SDK and the embedded service (it exposes nlohmann). Thread-safe (pure).
 #pragma once
 
@@ -26,14 +27,14 @@ struct ParseResult {
     std::string errorDescription;  // set when value is empty
 };
 
-/// Parses a body. Never throws. Like the original's decoder, the top level must be an object
-/// or an array; anything else (a bare number or string, empty or malformed text) fails with
-/// a description starting "The data couldn't be read because it isn't in the correct format."
+/// Parses a body. Never throws. The top level must be an object or an array; anything else
+/// (a bare number or string, empty or malformed text) fails with a description starting
+/// "The data couldn't be read because it isn't in the correct format."
 ParseResult parse(std::string_view bytes);
 
 /// The value a missing member reads as: a null that behaves like nothing at all. Reading a
 /// member or an element of it gives it again instead of throwing, and it has no array items,
-/// so a walk over an absent branch quietly reads zeros and empties, as the original's did.
+/// so a walk over an absent branch quietly reads zeros and empties.
 /// A JSON null in the document is a different thing: reading into it throws.
 const Value& missing();
 /// Whether v is the missing value (not merely a JSON null).
@@ -48,18 +49,20 @@ const Value& element(const Value& arr, std::size_t index);
 /// The elements of an array; missing() gives none; throws StructureError for other kinds,
 /// a JSON null included.
 const Value::array_t& arrayItems(const Value& arr);
-/// A string; null gives nullopt; throws StructureError for other kinds.
+/// A string; missing() gives nullopt; throws StructureError for other kinds, a JSON null
+/// included.
 std::optional<std::string> stringValue(const Value& v);
 
 /// Numbers truncate toward zero; strings: leading white space, optional sign (white space may
-/// follow), leading digits, saturating; booleans 0/1; anything else 0.
+/// follow), leading digits, saturating; booleans 0/1; missing() 0; throws StructureError for
+/// a JSON null; anything else 0.
 std::int64_t integerValue(const Value& v);
 /// Numbers as they are; strings: the longest leading decimal prefix of "+-.0-9Ee" in the C
-/// locale; booleans 0/1; anything else 0.
+/// locale; booleans 0/1; missing() 0; throws StructureError for a JSON null; anything else 0.
 double doubleValue(const Value& v);
 /// The textual form of a string or number ("12" equals 12); other kinds never equal.
 /// Doubles print in their shortest round-trip form, integral ones without ".0" (12.0 equals
-/// "12"); booleans are the numbers 1 and 0, as the original's containers held them.
+/// "12"); booleans are the numbers 1 and 0, as decoded answers have always held them.
 bool equalAsString(const Value& a, const Value& b);
 
 }  // namespace sorvan::json

@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <string>
 
+#include "foundation/number_text.hpp"
+
 namespace sorvan::net {
 
 namespace {
@@ -171,12 +173,12 @@ std::optional<int> parsePort(std::string_view text) {
     if (text.empty()) {
         return std::nullopt;
     }
+    // Digits only (no sign), at most five of them, as URL parsers take a port.
     if (text.size() > 5 ||
         !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; })) {
         return -1;
     }
-    int value = std::stoi(std::string(text));
-    return value <= 65535 ? value : -1;
+    return static_cast<int>(text::parseInteger(text, 0, 65535).value_or(-1));
 }
 
 }  // namespace

@@ -6,6 +6,8 @@
 #include <regex>
 #include <sstream>
 
+#include "foundation/number_text.hpp"
+
 namespace sorvan::location {
 
 namespace {
@@ -23,13 +25,7 @@ std::vector<std::string_view> split(std::string_view s, char sep) {
 }
 
 std::optional<double> number(std::string_view s) {
-    if (s.empty())
-        return std::nullopt;
-    double v = 0;
-    auto [p, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
-    if (ec != std::errc() || p != s.data() + s.size() || !std::isfinite(v))
-        return std::nullopt;
-    return v;
+    return text::parseDouble(s);
 }
 
 // ddmm.mmmm (or dddmm.mmmm) with a hemisphere letter.

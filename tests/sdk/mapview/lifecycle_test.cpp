@@ -4,12 +4,14 @@
 #include "map_view_fixture.hpp"
 #include "mapview/class_start_up.hpp"
 #include "sorvan/platform/foundation/bundle.hpp"
+#include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 #include "sorvan/platform/map/overlay.hpp"
 #include "sorvan/platform/ui/controls.hpp"
 #include "sorvan/platform/ui/layout_constraint.hpp"
+#include "tiles/tile_cache.hpp"
 
 namespace sorvan::test {
 namespace {
@@ -161,6 +163,60 @@ TEST_F(MapViewTest, ClearCachesEmptiesTheTileFolderAndForgetsTheList) {
     EXPECT_TRUE(fs::exists(folder));
     EXPECT_TRUE(fs::is_empty(folder));
     EXPECT_FALSE(defaults.stringArrayForKey("tileList").has_value());
+}
+
+class ClearCachesTest : public MapViewTest {
+  protected:
+    std::shared_ptr<SMTileOverlay> cachingOverlay() {
+        auto overlay = SMTileOverlay::create({21}, "k", std::nullopt, 0);
+        overlay->setCustomUrl(
+            std::vector<std::string>{service_.origin() + "/tiles/{z}/{x}/{y}.png"},
+            std::vector<std::int64_t>{0}, std::nullopt);
+        overlay->setCache(1);
+        return overlay;
+    }
+    static void load(SMTileOverlay& overlay, map::TilePath path) {
+        overlay.loadTileAtPath(path, [](std::vector<std::uint8_t>, std::optional<std::string>) {});
+    }
+};
+
+TEST_F(ClearCachesTest, TheNextDownloadStoresTheWholeListKeptInMemory) {
+    Defaults& defaults = Defaults::standard();
+    tiles::TileCache& cache = tiles::TileCache::shared();
+    std::vector<std::string> names;
+    for (int i = 0; i < 10001; ++i) {
+        names.push_back(strformat("%076d", i));
+    }
+    defaults.setStringArray(names, "tileList");
+    auto overlay = cachingOverlay();  // loads the list
+    ASSERT_TRUE(SorvanMapView::clearCaches(13));
+    EXPECT_FALSE(defaults.stringArrayForKey("tileList"));
+    EXPECT_EQ(cache.tileList(), names);
+
+    load(*overlay, {0, 0, 1});
+    auto list = cache.tileList();
+    ASSERT_EQ(list.size(), 10001u);
+    EXPECT_EQ(list.front(), names[1]);
+    EXPECT_EQ(defaults.stringArrayForKey("tileList"), list);
+
+    // The next process starts from the stored list, so the bound still holds there.
+    auto next = cachingOverlay();
+    EXPECT_EQ(cache.tileList(), list);
+    load(*next, {1, 0, 1});
+    list = cache.tileList();
+    EXPECT_EQ(list.size(), 10001u);
+    EXPECT_EQ(list.front(), names[2]);
+    EXPECT_EQ(defaults.stringArrayForKey("tileList"), list);
+}
+
+TEST_F(ClearCachesTest, AViewMadeInCodeKeepsTilesOffTheDiskUntilTheHostAsks) {
+    view_->addSMOverlay(SMLayerModeNormal);
+    EXPECT_EQ(globals::cache(), 2);
+    ASSERT_EQ(tiles().size(), 1u);
+    EXPECT_EQ(tiles()[0]->cache(), 2);
+    load(*tiles()[0], {0, 0, 1});
+    EXPECT_TRUE(tiles::TileCache::shared().tileList().empty());
+    EXPECT_TRUE(fs::is_empty(fs::path(paths::caches()) / "tileCache"));
 }
 
 TEST_F(MapViewTest, CrosshairSitsOnTheCentreAndOnlyUpdateCrosshairShowsIt) {

@@ -152,7 +152,13 @@ TEST_F(RouteClientTest, FailedGuideCallsBackFirstThenLogsAndAsksNoPath) {
                    json::member(json::Value::array({1, 2}), "data");
                }},
           Case{R"({"data":[{"id":8,"guide":[{"name":"a"},"b"]}]})",
-               [] { json::member(json::Value("b"), "name"); }}}) {
+               [] { json::member(json::Value("b"), "name"); }},
+          // A null route, figure or step value is of the wrong kind, never a 0.
+          Case{R"({"data":[null]})", [] { json::member(json::Value(), "fdistance"); }},
+          Case{R"({"data":[{"id":8,"distance":null}]})", [] { json::integerValue(json::Value()); }},
+          Case{R"({"data":[{"id":8,"tdistance":null}]})", [] { json::doubleValue(json::Value()); }},
+          Case{R"({"data":[{"id":8,"guide":[{"name":"a","turn":null}]}]})",
+               [] { json::integerValue(json::Value()); }}}) {
         SCOPED_TRACE(c.body);
         answer(kGuide, c.body);
         capture.clear();
@@ -162,8 +168,8 @@ TEST_F(RouteClientTest, FailedGuideCallsBackFirstThenLogsAndAsksNoPath) {
         EXPECT_EQ(out->probe.linesBefore(), 0u);
         EXPECT_EQ(capture.lines(), Lines{kRouteLine + reasonOf(c.walk)});
     }
-    // Only the last case got as far as asking for the geometry.
-    EXPECT_EQ(service().requests(kPath).size(), 1u);
+    // Only the cases with a readable head got as far as asking for the geometry.
+    EXPECT_EQ(service().requests(kPath).size(), 2u);
 }
 
 TEST_F(RouteClientTest, GeometryIsAllOrNothing) {
@@ -233,6 +239,12 @@ TEST_F(RouteClientTest, PathDeliversThePolylinesBeforeAFault) {
     EXPECT_EQ(path(10)->value->size(), 1u);
     EXPECT_EQ(capture.lines(),
               Lines{"path Error (10): " + reasonOf([] { json::member(json::Value(7), "lat"); })});
+    // A null coordinate ends the walk like any value of the wrong kind.
+    answer(kPath, R"({"data":[[{"lat":1,"lon":1}],[{"lat":null,"lon":1}]]})");
+    capture.clear();
+    EXPECT_EQ(path(10)->value->size(), 1u);
+    EXPECT_EQ(capture.lines(),
+              Lines{"path Error (10): " + reasonOf([] { json::doubleValue(json::Value()); })});
     answer(kPath, R"({"id":10})");
     capture.clear();
     EXPECT_EQ(path(10)->value, Polylines{});

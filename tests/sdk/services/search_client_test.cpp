@@ -204,6 +204,25 @@ TEST_F(SearchClientTest, AFaultInTheAnswerDeliversWhatCameBeforeIt) {
     EXPECT_EQ(out->value, services::Pins{});
     EXPECT_EQ(capture.lines(), Lines{kLine + reasonOf([] { json::stringValue(json::Value(7)); })});
 
+    // A null icon or position is a value of the wrong kind, not an absent one: the walk
+    // stops there instead of making a pin without a type or at 0.
+    const std::string nullText = reasonOf([] { json::stringValue(json::Value()); });
+    const std::string nullNumber = reasonOf([] { json::doubleValue(json::Value()); });
+    for (const auto& [body, reason] :
+         {std::pair{R"({"data":[{"id":"1","lat":1,"lon":2},{"id":"2","icon":null}]})", nullText},
+          std::pair{R"({"data":[{"id":"1","lat":1,"lon":2},{"id":"2","lat":null}]})", nullNumber},
+          std::pair{R"({"data":[{"id":"1","lat":1,"lon":2},{"id":"2","lon":null}]})",
+                    nullNumber}}) {
+        SCOPED_TRACE(body);
+        answer(kSearch, body);
+        capture.clear();
+        out = search("k");
+        ASSERT_TRUE(out->value);
+        ASSERT_EQ(out->value->size(), 1u);
+        EXPECT_EQ(out->value->front()->coordinate().longitude, 2.0);
+        EXPECT_EQ(capture.lines(), Lines{kLine + reason});
+    }
+
     // Suggestions: "data" that is not a list, and a suggestion without a word.
     answer(kSuggest, R"({"data":"none"})");
     capture.clear();

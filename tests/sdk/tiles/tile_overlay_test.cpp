@@ -166,6 +166,31 @@ TEST_F(TileOverlayTest, ServerLayersAskTheirServersWithTheBundleReferer) {
     EXPECT_EQ(received[1].query, "c=1&proj=epsg3857&mode=(null)&res=0&imgid=0&key=K2&HD=1");
 }
 
+TEST_F(TileOverlayTest, ServerLayersAskTheConfigurationInForceWhenTheTileIsLoaded) {
+    // The process-wide settings come to life under one configuration...
+    ServiceConfig::setCurrent(
+        ServiceConfig{}.pointedAt("http://127.0.0.1:" + std::to_string(testing::closedPort())));
+    globals::resetForTesting();
+    globals::setApikey("KEY");
+    // ... and the host sets another one afterwards.
+    ServiceConfig live = ServiceConfig{}.pointedAt(origin_);
+    ServiceConfig::setCurrent(live);
+    service_.clearRequests();
+    loadImage(*overlay({5, 16}), {0, 0, 8});
+    auto received = service_.requests();
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].path, "/map/msn-server/img.php");
+    EXPECT_EQ(received[1].path, "/traffic/map/msn-server/img.php");
+    EXPECT_TRUE(log_.lines().empty());
+
+    // Without a traffic service the traffic layer spoils the tile, and asks nobody.
+    live.trafficServer.clear();
+    ServiceConfig::setCurrent(live);
+    service_.clearRequests();
+    EXPECT_TRUE(load(*overlay({16}), {0, 0, 8}).empty());
+    EXPECT_TRUE(service_.requests().empty());
+}
+
 TEST_F(TileOverlayTest, TemplatesAskWhatTheyDescribe) {
     struct Case {
         std::string urlTemplate;
@@ -418,9 +443,9 @@ TEST_F(TileOverlayTest, TheListEvictsItsOldestNameAtTenThousandAndOne) {
     EXPECT_TRUE(fs::exists(second));
     EXPECT_EQ(defaults_->stringArrayForKey("tileList"), list);
 
-    // The defaults were cleared behind the list's back: the whole list goes back at once.
-    defaults_->removeObjectForKey("tileList");
-    tiles::TileCache::shared().defaultsRemoved();
+    // The stored list is removed: the whole list goes back at once.
+    tiles::TileCache::shared().removeStoredList();
+    EXPECT_FALSE(defaults_->stringArrayForKey("tileList"));
     net::URLCache::shared().removeAllCachedResponses();
     loadImage(*o, {1, 0, 1});
     EXPECT_EQ(defaults_->stringArrayForKey("tileList"), tiles::TileCache::shared().tileList());

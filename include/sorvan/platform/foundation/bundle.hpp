@@ -7,12 +7,14 @@
 #include <optional>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 namespace gfx {
 class Image;
 }
 
-class Bundle {
+class SORVAN_EXPORT Bundle {
   public:
     /// The host application's bundle.
     static Bundle& main();
@@ -48,7 +50,7 @@ class Bundle {
 };
 
 /// Opening a URL with the desktop (xdg-open) or a handler the host sets.
-class Application {
+class SORVAN_EXPORT Application {
   public:
     using Handler = std::function<bool(const std::string& url)>;
     /// nullptr restores xdg-open. The handler runs on the caller's thread.

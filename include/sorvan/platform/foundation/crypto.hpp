@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <string_view>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::crypto {
 
-std::array<std::uint8_t, 32> sha256(std::string_view bytes);
+SORVAN_EXPORT std::array<std::uint8_t, 32> sha256(std::string_view bytes);
 
 }  // namespace sorvan::crypto

@@ -7,11 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
 using Date = std::chrono::system_clock::time_point;
 
-class DateFormatter {
+class SORVAN_EXPORT DateFormatter {
   public:
     /// Only the pattern "yyyy-MM-dd HH:mm:ss" and locale "en_US" are supported; others throw
     /// std::invalid_argument.

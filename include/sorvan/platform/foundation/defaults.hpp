@@ -9,9 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan {
 
-class Defaults {
+class SORVAN_EXPORT Defaults {
   public:
     /// The store of this application (file named after Bundle::main().identifier()), opened
     /// at standardPath() on first use and kept for the rest of the process.

@@ -22,20 +22,22 @@
 #include <memory>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::dispatch {
 
 using Task = std::function<void()>;
 using Duration = std::chrono::duration<double>;  // seconds
 
 /// Time source for delayed tasks and timers. Tests install a ManualClock to skip 180 s.
-class Clock {
+class SORVAN_EXPORT Clock {
   public:
     virtual ~Clock() = default;
     virtual std::chrono::steady_clock::time_point now() const = 0;
 };
 
 /// A clock that moves only when advance() is called. Thread-safe.
-class ManualClock final : public Clock {
+class SORVAN_EXPORT ManualClock final : public Clock {
   public:
     ManualClock();
     std::chrono::steady_clock::time_point now() const override;
@@ -47,7 +49,7 @@ class ManualClock final : public Clock {
 };
 
 /// Something tasks can be submitted to.
-class Queue {
+class SORVAN_EXPORT Queue {
   public:
     virtual ~Queue() = default;
     virtual void async(Task task) = 0;
@@ -63,7 +65,7 @@ class Timer;
 /// One thread at a time drives the loop (run(), runUntil() or drain()); tasks run only on the
 /// driving thread, in the order they became due. While another thread drives, runUntil() only
 /// waits for its predicate and drain() runs nothing.
-class RunLoop final : public Queue {
+class SORVAN_EXPORT RunLoop final : public Queue {
   public:
     /// The process's main run loop. It lives until the process exits.
     static RunLoop& main();
@@ -111,7 +113,7 @@ class RunLoop final : public Queue {
 };
 
 /// Runs tasks one at a time, in order, on a thread of its own. Delays follow the real clock.
-class SerialQueue final : public Queue {
+class SORVAN_EXPORT SerialQueue final : public Queue {
   public:
     explicit SerialQueue(std::string label);
     /// Runs the tasks already queued (delayed tasks not yet due are dropped), then joins. When
@@ -131,7 +133,7 @@ class SerialQueue final : public Queue {
 };
 
 /// Counting semaphore.
-class Semaphore {
+class SORVAN_EXPORT Semaphore {
   public:
     explicit Semaphore(long value = 0);
     ~Semaphore();
@@ -156,7 +158,7 @@ inline void after(Duration delay, Queue& queue, Task task) {
 /// loop was busy or the clock jumped are folded into one. An interval of zero or less is
 /// taken as 0.1 ms. Fires on the run loop's thread; scheduling and invalidating are
 /// thread-safe, and invalidate() may be called from inside the action.
-class Timer : public std::enable_shared_from_this<Timer> {
+class SORVAN_EXPORT Timer : public std::enable_shared_from_this<Timer> {
   public:
     using Action = std::function<void(Timer&)>;
 

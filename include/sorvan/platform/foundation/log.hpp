@@ -24,6 +24,8 @@
 #include <string_view>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::log {
 
 /// Ordered from the fewest lines to the most. `off` is a threshold only: no line is written at
@@ -31,42 +33,42 @@ namespace sorvan::log {
 enum class Level { off, error, warning, info, debug };
 
 /// "off", "error", "warning", "info", "debug".
-const char* nameOf(Level level);
+SORVAN_EXPORT const char* nameOf(Level level);
 /// The level of one of those names; nullopt for anything else (case matters).
-std::optional<Level> levelNamed(std::string_view name);
+SORVAN_EXPORT std::optional<Level> levelNamed(std::string_view name);
 
 /// The most detailed level written now.
-Level level();
+SORVAN_EXPORT Level level();
 /// The host's choice; replaces what SORVAN_LOG said.
-void setLevel(Level level);
+SORVAN_EXPORT void setLevel(Level level);
 /// Reads SORVAN_LOG again, as at start-up: its level, or info when it is unset or empty. An
 /// unknown value keeps info and writes a warning that names the value.
-void setLevelFromEnvironment();
+SORVAN_EXPORT void setLevelFromEnvironment();
 /// True when a line at this level would be written (a sink or stderr would see it).
-bool enabled(Level level);
+SORVAN_EXPORT bool enabled(Level level);
 
 /// Receives each line that passes the level (no trailing newline), on the writing thread.
 using Sink = std::function<void(Level level, std::string_view line)>;
 
 /// Writes one line at a level. REQUIRES: level is not off.
-void write(Level level, std::string_view line);
+SORVAN_EXPORT void write(Level level, std::string_view line);
 /// printf-style lines at each level: log::error("TILE ERROR: %s", description.c_str()).
-void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void warning(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void info(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void debug(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// A line at error level, the level of most lines the kit writes (its failure lines). New code
 /// names the level with the functions above.
-void write(std::string_view line);
-void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
+SORVAN_EXPORT void write(std::string_view line);
+SORVAN_EXPORT void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 /// Replaces the sink; nullptr restores stderr. Returns the previous sink.
-Sink setSink(Sink sink);
+SORVAN_EXPORT Sink setSink(Sink sink);
 
 /// Captures every line written while it lives, at every level whatever level() is, and
 /// forwards nothing to stderr or the sink. The innermost of nested captures gets the lines.
-class Capture {
+class SORVAN_EXPORT Capture {
   public:
     struct Line {
         Level level;

@@ -4,16 +4,18 @@
 
 #include <string>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::paths {
 
 /// The user caches directory (XDG_CACHE_HOME/sorvan or ~/.cache/sorvan; $SORVAN_HOME/caches).
-std::string caches();
+SORVAN_EXPORT std::string caches();
 /// The documents directory (XDG_DATA_HOME/sorvan/documents; $SORVAN_HOME/documents).
-std::string documents();
+SORVAN_EXPORT std::string documents();
 /// Where the defaults store lives (XDG_CONFIG_HOME/sorvan; $SORVAN_HOME/preferences).
-std::string preferences();
-/// Search-path directory numbers of the original platform: 13 = caches, 9 = documents.
+SORVAN_EXPORT std::string preferences();
+/// Search-path directory numbers as hosts pass them: 13 = caches, 9 = documents.
 /// Other values give "".
-std::string forSearchPathDirectory(long directory);
+SORVAN_EXPORT std::string forSearchPathDirectory(long directory);
 
 }  // namespace sorvan::paths

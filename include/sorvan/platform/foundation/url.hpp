@@ -5,12 +5,14 @@
 #include <string>
 #include <string_view>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::net {
 
 /// An absolute or relative URL. A string is a URL only when every character is an ASCII
 /// letter or digit, one of !$&'()*+,-./:;=?@_~[] , a '%' followed by two hex digits, or a
 /// single '#'. The empty string is no URL.
-class URL {
+class SORVAN_EXPORT URL {
   public:
     /// nullopt when the text is no URL.
     static std::optional<URL> fromString(std::string_view text);
@@ -42,7 +44,7 @@ class URL {
 ///   c->setPath("/mapsearch/json/search");
 ///   c->setQuery("keyword=ร้าน กาแฟ&limit=10");
 ///   c->string();  // https://box.example:8443/mapsearch/json/search?keyword=%E0%B8%A3...
-class URLComponents {
+class SORVAN_EXPORT URLComponents {
   public:
     /// nullopt when the text is no URL, or its port is not a number from 0 to 65535.
     static std::optional<URLComponents> fromString(std::string_view text);
@@ -77,10 +79,10 @@ class URLComponents {
 };
 
 /// Percent-encodes text for a query (the rule of URLComponents::setQuery).
-std::string percentEncodeQuery(std::string_view text);
+SORVAN_EXPORT std::string percentEncodeQuery(std::string_view text);
 /// Percent-encodes text for a path (the rule of URLComponents::setPath).
-std::string percentEncodePath(std::string_view text);
+SORVAN_EXPORT std::string percentEncodePath(std::string_view text);
 /// Decodes %XX sequences; a '%' not followed by two hex digits stays as it is, '+' stays '+'.
-std::string percentDecode(std::string_view text);
+SORVAN_EXPORT std::string percentDecode(std::string_view text);
 
 }  // namespace sorvan::net

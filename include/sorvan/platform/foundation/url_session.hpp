@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 
@@ -36,7 +37,7 @@ enum class CachePolicy {
 };
 
 /// A GET request. Default timeout 60 s, as on the platform the system was made for.
-class URLRequest {
+class SORVAN_EXPORT URLRequest {
   public:
     explicit URLRequest(URL url) : url_(std::move(url)) {}
     const URL& url() const { return url_; }
@@ -61,7 +62,7 @@ class URLRequest {
 };
 
 /// The HTTP response of a completed transfer.
-struct HTTPURLResponse {
+struct SORVAN_EXPORT HTTPURLResponse {
     URL url;
     int statusCode = 0;
     std::map<std::string, std::string> headers;  // names lower-cased
@@ -71,7 +72,7 @@ struct HTTPURLResponse {
 /// and is what log lines print: "Could not connect to the server.", "The request timed out.",
 /// "The network connection was lost.", "A server with the specified hostname could not be
 /// found.", "unsupported URL", "cancelled", ...
-struct Error {
+struct SORVAN_EXPORT Error {
     // CannotParseResponse: the body was not the JSON a service call expected (made by the
     // service clients, never by the session).
     enum class Code {
@@ -98,7 +99,7 @@ using CompletionHandler = std::function<void(const std::optional<Data>& data,
                                              const std::optional<Error>& error)>;
 
 /// A handle on one transfer. Dropping it does not cancel the transfer.
-class DataTask {
+class SORVAN_EXPORT DataTask {
   public:
     virtual ~DataTask() = default;
     /// Ends a transfer still in flight with a Cancelled error (the completion still runs once).
@@ -111,7 +112,7 @@ class DataTask {
 /// disk part lives in "URLCache" under the caches directory (looked up at each use, so a test
 /// that moves SORVAN_HOME gets a fresh cache). Bounded by bytes, least recently used first
 /// out. Entries never expire. Thread-safe.
-class URLCache {
+class SORVAN_EXPORT URLCache {
   public:
     struct CachedResponse {
         HTTPURLResponse response;
@@ -146,7 +147,7 @@ class URLCache {
     std::unique_ptr<Impl> impl_;
 };
 
-struct URLSessionConfiguration {
+struct SORVAN_EXPORT URLSessionConfiguration {
     static URLSessionConfiguration defaultConfiguration() { return {}; }
     /// Overrides the cache policy of every request the session runs, when set.
     std::optional<CachePolicy> requestCachePolicy;
@@ -155,7 +156,7 @@ struct URLSessionConfiguration {
     std::chrono::duration<double> timeoutIntervalForRequest{60.0};
 };
 
-class URLSession {
+class SORVAN_EXPORT URLSession {
   public:
     /// The process's shared session.
     static URLSession& shared();

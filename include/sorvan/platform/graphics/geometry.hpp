@@ -3,19 +3,21 @@
 
 #include <cmath>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::gfx {
 
-struct Point {
+struct SORVAN_EXPORT Point {
     double x = 0, y = 0;
     bool operator==(const Point&) const = default;
 };
 
-struct Size {
+struct SORVAN_EXPORT Size {
     double width = 0, height = 0;
     bool operator==(const Size&) const = default;
 };
 
-struct Rect {
+struct SORVAN_EXPORT Rect {
     Point origin;
     Size size;
     Rect() = default;
@@ -37,7 +39,7 @@ struct Rect {
 };
 
 /// Straight (not premultiplied) RGBA, components 0..1.
-struct Color {
+struct SORVAN_EXPORT Color {
     double r = 0, g = 0, b = 0, a = 1;
     static Color white() { return {1, 1, 1, 1}; }
     static Color black() { return {0, 0, 0, 1}; }
@@ -48,7 +50,7 @@ struct Color {
 };
 
 /// 2-D affine transform: x' = a*x + c*y + tx, y' = b*x + d*y + ty.
-struct AffineTransform {
+struct SORVAN_EXPORT AffineTransform {
     double a = 1, b = 0, c = 0, d = 1, tx = 0, ty = 0;
     static AffineTransform identity() { return {}; }
     static AffineTransform rotation(double radians) {

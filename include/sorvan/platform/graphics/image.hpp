@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 
 namespace sorvan::gfx {
@@ -19,7 +20,7 @@ namespace sorvan::gfx {
 /// (maps, icons, overlays) are written unfiltered, which for them is both the smallest and the
 /// fastest choice; photo-like ones with the Up filter. Adaptive lets the encoder try every
 /// filter on every row: slower, and for maps larger. Figures: bench/bench_png.cpp.
-struct PNGOptions {
+struct SORVAN_EXPORT PNGOptions {
     int compressionLevel = 6;
     enum class Filter { Default, None, Sub, Up, Paeth, Adaptive } filter = Filter::Default;
 
@@ -28,7 +29,7 @@ struct PNGOptions {
     static PNGOptions fast() { return {1, Filter::Default}; }
 };
 
-class Image {
+class SORVAN_EXPORT Image {
   public:
     /// Decodes PNG (any colour type and bit depth, interlaced or not) or JPEG bytes; nullptr
     /// when they are neither or cannot be decoded. Scale: pixels per point (> 0).

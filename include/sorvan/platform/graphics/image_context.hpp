@@ -4,6 +4,7 @@
 
 #include <memory>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 
@@ -11,7 +12,7 @@ typedef struct _cairo cairo_t;
 
 namespace sorvan::gfx {
 
-class ImageContext {
+class SORVAN_EXPORT ImageContext {
   public:
     /// A transparent surface of size * scale pixels (rounded up).
     ImageContext(Size size, double scale = 1.0);

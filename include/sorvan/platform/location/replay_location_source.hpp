@@ -12,12 +12,13 @@
 #include <string_view>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/map/location_source.hpp"
 
 namespace sorvan::location {
 
-class ReplayLocationSource : public map::LocationSource {
+class SORVAN_EXPORT ReplayLocationSource : public map::LocationSource {
   public:
     explicit ReplayLocationSource(std::vector<map::LocationFix> fixes,
                                   dispatch::Duration interval = std::chrono::seconds(1),

@@ -6,11 +6,12 @@
 #include <optional>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan::map {
 
-class Annotation : public std::enable_shared_from_this<Annotation> {
+class SORVAN_EXPORT Annotation : public std::enable_shared_from_this<Annotation> {
   public:
     virtual ~Annotation() = default;
     virtual Coordinate coordinate() const = 0;
@@ -19,7 +20,7 @@ class Annotation : public std::enable_shared_from_this<Annotation> {
 };
 
 /// A plain annotation with a settable coordinate and title.
-class PointAnnotation : public Annotation {
+class SORVAN_EXPORT PointAnnotation : public Annotation {
   public:
     PointAnnotation() = default;
     explicit PointAnnotation(Coordinate c, std::optional<std::string> title = std::nullopt)
@@ -35,7 +36,7 @@ class PointAnnotation : public Annotation {
 };
 
 /// The device's position as the map's location source reports it; one per map view.
-class UserLocation : public Annotation {
+class SORVAN_EXPORT UserLocation : public Annotation {
   public:
     Coordinate coordinate() const override { return coordinate_; }
     bool isUpdating() const { return updating_; }

@@ -5,13 +5,14 @@
 #include <memory>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/map/annotation.hpp"
 #include "sorvan/platform/ui/view.hpp"
 
 namespace sorvan::map {
 
-class AnnotationView : public ui::View {
+class SORVAN_EXPORT AnnotationView : public ui::View {
   public:
     explicit AnnotationView(std::shared_ptr<Annotation> annotation,
                             std::string reuseIdentifier = "");
@@ -49,7 +50,7 @@ class AnnotationView : public ui::View {
 
 /// A classic pin, tinted, with an optional drop animation when it first appears. The needle's
 /// tip stands on the annotation's point (the view is 32 x 40 points, centre offset (0, -18)).
-class PinAnnotationView : public AnnotationView {
+class SORVAN_EXPORT PinAnnotationView : public AnnotationView {
   public:
     explicit PinAnnotationView(std::shared_ptr<Annotation> annotation,
                                std::string reuseIdentifier = "");

@@ -4,35 +4,37 @@
 
 #include <cstdint>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::map {
 
-struct Coordinate {
+struct SORVAN_EXPORT Coordinate {
     double latitude = 0, longitude = 0;
     bool operator==(const Coordinate&) const = default;
 };
 
-struct CoordinateSpan {
+struct SORVAN_EXPORT CoordinateSpan {
     double latitudeDelta = 0, longitudeDelta = 0;
     bool operator==(const CoordinateSpan&) const = default;
 };
 
-struct CoordinateRegion {
+struct SORVAN_EXPORT CoordinateRegion {
     Coordinate center;
     CoordinateSpan span;
     bool operator==(const CoordinateRegion&) const = default;
 };
 
-struct MapPoint {
+struct SORVAN_EXPORT MapPoint {
     double x = 0, y = 0;
     bool operator==(const MapPoint&) const = default;
 };
 
-struct MapSize {
+struct SORVAN_EXPORT MapSize {
     double width = 0, height = 0;
     bool operator==(const MapSize&) const = default;
 };
 
-struct MapRect {
+struct SORVAN_EXPORT MapRect {
     MapPoint origin;
     MapSize size;
     double minX() const { return origin.x; }
@@ -48,13 +50,13 @@ struct MapRect {
 /// The width (and height) of the world in map points.
 inline constexpr double kMapWorldSize = 268435456.0;
 
-MapPoint mapPointForCoordinate(Coordinate coordinate);
-Coordinate coordinateForMapPoint(MapPoint point);
+SORVAN_EXPORT MapPoint mapPointForCoordinate(Coordinate coordinate);
+SORVAN_EXPORT Coordinate coordinateForMapPoint(MapPoint point);
 /// Map points per metre at a latitude.
-double mapPointsPerMeterAtLatitude(double latitude);
+SORVAN_EXPORT double mapPointsPerMeterAtLatitude(double latitude);
 
 /// The address of one tile of a tile overlay: column, row (from the north), zoom level.
-struct TilePath {
+struct SORVAN_EXPORT TilePath {
     std::int64_t x = 0, y = 0, z = 0;
     double contentScaleFactor = 2.0;
     bool operator==(const TilePath&) const = default;

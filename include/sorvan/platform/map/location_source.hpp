@@ -6,23 +6,24 @@
 #include <optional>
 #include <string>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan::map {
 
-struct LocationFix {
+struct SORVAN_EXPORT LocationFix {
     Coordinate coordinate;
     double horizontalAccuracy = 5;  // metres; negative = invalid
     std::optional<double> course;   // degrees
 };
 
-struct HeadingFix {
+struct SORVAN_EXPORT HeadingFix {
     double magneticHeading = 0;  // degrees
     double trueHeading = -1;     // degrees; negative = unknown
     double headingAccuracy = 5;  // degrees; 0 or less = unreliable
 };
 
-class LocationSource {
+class SORVAN_EXPORT LocationSource {
   public:
     struct Listener {
         std::function<void(const LocationFix&)> didUpdateLocation;

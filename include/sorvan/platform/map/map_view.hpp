@@ -13,6 +13,7 @@
 #include <memory>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/map/annotation.hpp"
 #include "sorvan/platform/map/annotation_view.hpp"
@@ -26,7 +27,7 @@ namespace sorvan::map {
 
 class MapView;
 
-class MapViewDelegate {
+class SORVAN_EXPORT MapViewDelegate {
   public:
     virtual ~MapViewDelegate() = default;
     /// Asked once, the first time the annotation is on screen; the view is kept.
@@ -47,13 +48,13 @@ enum class MapType { Standard = 0, Satellite = 1, Hybrid = 2, MutedStandard = 5 
 
 /// Which of the base map's own points of interest are drawn (the engine draws none; kept as
 /// a property for hosts).
-struct PointOfInterestFilter {
+struct SORVAN_EXPORT PointOfInterestFilter {
     bool includesAll = true;
     std::vector<std::string> categories;  // included categories when !includesAll
     static PointOfInterestFilter excludingAll() { return {false, {}}; }
 };
 
-class MapView : public ui::View {
+class SORVAN_EXPORT MapView : public ui::View {
   public:
     explicit MapView(gfx::Rect frame = {0, 0, 320, 480});
     ~MapView() override;

@@ -6,11 +6,12 @@
 #include <memory>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/map/geometry.hpp"
 
 namespace sorvan::map {
 
-class Overlay : public std::enable_shared_from_this<Overlay> {
+class SORVAN_EXPORT Overlay : public std::enable_shared_from_this<Overlay> {
   public:
     virtual ~Overlay() = default;
     /// The area the overlay covers; the whole world by default.
@@ -19,7 +20,7 @@ class Overlay : public std::enable_shared_from_this<Overlay> {
 };
 
 /// A shape with a vertex list in map points.
-class MultiPoint : public Overlay {
+class SORVAN_EXPORT MultiPoint : public Overlay {
   public:
     MultiPoint() = default;
     explicit MultiPoint(std::vector<MapPoint> points) : points_(std::move(points)) {}
@@ -32,13 +33,13 @@ class MultiPoint : public Overlay {
     std::vector<MapPoint> points_;
 };
 
-class Polygon : public MultiPoint {
+class SORVAN_EXPORT Polygon : public MultiPoint {
   public:
     using MultiPoint::MultiPoint;
     static std::shared_ptr<Polygon> withCoordinates(const Coordinate* coords, std::size_t count);
 };
 
-class Polyline : public MultiPoint {
+class SORVAN_EXPORT Polyline : public MultiPoint {
   public:
     using MultiPoint::MultiPoint;
     static std::shared_ptr<Polyline> withCoordinates(const Coordinate* coords, std::size_t count);

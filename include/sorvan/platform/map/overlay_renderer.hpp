@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/map/overlay.hpp"
@@ -21,7 +22,7 @@ namespace detail {
 class TileStore;
 }
 
-class OverlayRenderer : public std::enable_shared_from_this<OverlayRenderer> {
+class SORVAN_EXPORT OverlayRenderer : public std::enable_shared_from_this<OverlayRenderer> {
   public:
     explicit OverlayRenderer(std::shared_ptr<Overlay> overlay);
     virtual ~OverlayRenderer() = default;
@@ -61,7 +62,7 @@ class OverlayRenderer : public std::enable_shared_from_this<OverlayRenderer> {
 };
 
 /// Draws a tile overlay's tiles. The base drawMapRect draws the tile image with alpha().
-class TileOverlayRenderer : public OverlayRenderer {
+class SORVAN_EXPORT TileOverlayRenderer : public OverlayRenderer {
   public:
     explicit TileOverlayRenderer(std::shared_ptr<TileOverlay> overlay);
     std::shared_ptr<TileOverlay> tileOverlay() const;
@@ -86,7 +87,7 @@ class TileOverlayRenderer : public OverlayRenderer {
 };
 
 /// Strokes a polyline.
-class PolylineRenderer : public OverlayRenderer {
+class SORVAN_EXPORT PolylineRenderer : public OverlayRenderer {
   public:
     explicit PolylineRenderer(std::shared_ptr<Polyline> polyline);
     gfx::Color strokeColor() const;

@@ -8,12 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 #include "sorvan/platform/map/overlay.hpp"
 
 namespace sorvan::map {
 
-class TileOverlay : public Overlay {
+class SORVAN_EXPORT TileOverlay : public Overlay {
   public:
     /// data: encoded image bytes (empty = no picture); error: set when loading failed.
     using TileResult =

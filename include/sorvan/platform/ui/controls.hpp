@@ -7,12 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/ui/view.hpp"
 
 namespace sorvan::ui {
 
-class ImageView : public View {
+class SORVAN_EXPORT ImageView : public View {
   public:
     explicit ImageView(std::shared_ptr<gfx::Image> image = nullptr);
     std::shared_ptr<gfx::Image> image() const { return image_; }
@@ -28,7 +29,7 @@ class ImageView : public View {
 enum class TextAlignment { Left = 0, Center = 1, Right = 2 };
 enum class FontWeight { Regular, Bold };
 
-struct TextAttributes {
+struct SORVAN_EXPORT TextAttributes {
     std::string fontFamily = "Sans";  // Pango family; Thai falls back through fontconfig
     FontWeight weight = FontWeight::Regular;
     double size = 12.0;  // points
@@ -38,7 +39,7 @@ struct TextAttributes {
 };
 
 /// Text with runs of attributes.
-class AttributedString {
+class SORVAN_EXPORT AttributedString {
   public:
     AttributedString() = default;
     AttributedString(std::string text, TextAttributes attributes);
@@ -55,13 +56,13 @@ class AttributedString {
 };
 
 /// Lays out and draws attributed text with Pango (Thai shaping included).
-gfx::Size measureText(const AttributedString& text, double maxWidth);
-void drawText(cairo_t* context, const AttributedString& text, gfx::Rect rect);
+SORVAN_EXPORT gfx::Size measureText(const AttributedString& text, double maxWidth);
+SORVAN_EXPORT void drawText(cairo_t* context, const AttributedString& text, gfx::Rect rect);
 
 enum class ControlState : unsigned { Normal = 0, Highlighted = 1, Disabled = 2, Selected = 4 };
 enum class ControlEvent : unsigned { TouchDown = 1, TouchUpInside = 64, ValueChanged = 4096 };
 
-class Button : public View {
+class SORVAN_EXPORT Button : public View {
   public:
     explicit Button(gfx::Rect frame = {});
     void setAttributedTitle(AttributedString title, ControlState state = ControlState::Normal);
@@ -88,7 +89,7 @@ class Button : public View {
 
 /// Holds loaded HTML; a front end with a web engine shows it. Headless it draws nothing but a
 /// neutral placeholder.
-class WebView : public View {
+class SORVAN_EXPORT WebView : public View {
   public:
     explicit WebView(gfx::Rect frame = {});
     void loadHTMLString(std::string html, std::string baseURL = "");

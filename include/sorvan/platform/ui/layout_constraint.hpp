@@ -6,6 +6,8 @@
 #include <memory>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
+
 namespace sorvan::ui {
 
 class View;
@@ -25,7 +27,7 @@ enum class LayoutAttribute {
 };
 enum class LayoutRelation { LessThanOrEqual = -1, Equal = 0, GreaterThanOrEqual = 1 };
 
-class LayoutConstraint : public std::enable_shared_from_this<LayoutConstraint> {
+class SORVAN_EXPORT LayoutConstraint : public std::enable_shared_from_this<LayoutConstraint> {
   public:
     /// item2 may be null for a constant (width, height) constraint.
     static std::shared_ptr<LayoutConstraint> create(const std::shared_ptr<View>& item1,

@@ -7,6 +7,7 @@
 #include <optional>
 #include <vector>
 
+#include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/geometry.hpp"
 
 typedef struct _cairo cairo_t;
@@ -17,13 +18,13 @@ class LayoutConstraint;
 
 enum class ContentMode { ScaleToFill = 0, ScaleAspectFit = 1, ScaleAspectFill = 2, Center = 4 };
 
-/// Autoresizing mask bits of the original platform (18 = flexible width | flexible height).
+/// Autoresizing mask bits, with the values hosts pass (18 = flexible width | flexible height).
 enum AutoresizingMask : unsigned {
     kFlexibleWidth = 1u << 1,
     kFlexibleHeight = 1u << 4,
 };
 
-class View : public std::enable_shared_from_this<View> {
+class SORVAN_EXPORT View : public std::enable_shared_from_this<View> {
   public:
     explicit View(gfx::Rect frame = {});
     virtual ~View();
