@@ -3,9 +3,10 @@
 //
 // Each round of a *Paired benchmark fetches the answer three ways, in rotating order so that
 // neither warm connections nor a busy machine favour one: libcurl on the calling thread (the
-// floor), the kit's URL session alone (the transport: its network thread, the hop to its
-// queue), and the client (the same plus request building, JSON decoding and building pins or
-// a route). The *Decode benchmarks time the client's own decoding alone, in CPU time.
+// floor), the kit's URL session alone (the transport: its network thread, the hop back to the
+// waiting caller), and the client (the same plus request building, JSON decoding and building
+// pins or a route). Each way is summed up by its median call. The *Decode benchmarks time the
+// client's own decoding alone, in CPU time.
 //
 //   build/bench/bench_services
 //   build/bench/bench_services --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
@@ -25,6 +26,7 @@
 #include "SorvanMapSDK/SMRouteOptions.hpp"
 #include "SorvanMapSDK/SMRouteResult.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
+#include "paired.hpp"
 #include "services/answers.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
@@ -104,27 +106,23 @@ class Curl {
     std::string body_;
 };
 
-// Runs the three ways of getting one answer in rotating order and reports each one's mean
+// Runs the three ways of getting one answer in rotating order and reports each one's median
 // wall-clock time per call, and the client's overhead over libcurl.
 void runPaired(benchmark::State& state, const std::array<std::function<bool()>, 3>& ways) {
-    using Clock = std::chrono::steady_clock;
-    std::array<double, 3> seconds{};
+    bench::PairedTimer timer(3);
     std::size_t round = 0;
     for (auto _ : state) {
         for (std::size_t k = 0; k < 3; ++k) {
             std::size_t way = (round + k) % 3;
-            auto start = Clock::now();
-            if (!ways[way]()) {
+            if (!timer.time(way, ways[way])) {
                 state.SkipWithError("no answer");
                 return;
             }
-            seconds[way] += std::chrono::duration<double>(Clock::now() - start).count();
         }
         ++round;
     }
-    double n = static_cast<double>(state.iterations());
-    double curl = seconds[0] / n * 1e6, session = seconds[1] / n * 1e6,
-           client = seconds[2] / n * 1e6;
+    double curl = timer.medianMicros(0), session = timer.medianMicros(1),
+           client = timer.medianMicros(2);
     state.counters["curl_us"] = curl;
     state.counters["session_us"] = session;
     state.counters["client_us"] = client;

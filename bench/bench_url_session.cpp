@@ -3,11 +3,17 @@
 // connection, many in flight, and answers taken from the URL cache).
 #include <benchmark/benchmark.h>
 
+#include <curl/curl.h>
+
+#include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <vector>
 
+#include "paired.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/url.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
@@ -99,6 +105,67 @@ void BM_SessionSequentialTile(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 BENCHMARK(BM_SessionSequentialTile)->UseRealTime();
+
+// A blocking fetch through the session (on the calling thread) against plain libcurl on one
+// kept-alive connection, paired: each round fetches the tile both ways, the order alternating;
+// each way is summed up by its median fetch.
+// With arg 1 the request asks the cache first (as the tile loader does) and every round asks
+// for a new address, so each fetch misses the cache and stores its answer (the cache is
+// emptied between batches, outside the timing).
+void BM_BlockingFetchPaired(benchmark::State& state) {
+    bool cacheFirst = state.range(0) != 0;
+    CURL* curl = curl_easy_init();
+    std::string body;
+    curl_easy_setopt(
+        curl, CURLOPT_WRITEFUNCTION, +[](char* p, size_t size, size_t n, void* out) {
+            static_cast<std::string*>(out)->append(p, size * n);
+            return size * n;
+        });
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
+    bench::PairedTimer timer(2);
+    std::size_t round = 0;
+    for (auto _ : state) {
+        std::string address = service().origin() + "/tile";
+        if (cacheFirst) {
+            static std::atomic<long> fresh{0};
+            address += "?n=" + std::to_string(fresh++);
+        }
+        net::URLRequest request(*net::URL::fromString(address));
+        if (cacheFirst) {
+            request.setCachePolicy(net::CachePolicy::ReturnCacheDataElseLoad);
+        }
+        for (std::size_t k = 0; k < 2; ++k) {
+            std::size_t way = (round + k) % 2;
+            bool ok = timer.time(way, [&] {
+                if (way == 0) {
+                    body.clear();
+                    curl_easy_setopt(curl, CURLOPT_URL, address.c_str());
+                    return curl_easy_perform(curl) == CURLE_OK && !body.empty();
+                }
+                auto result = net::URLSession::shared().sendSynchronousRequest(request);
+                return result.data && !result.data->empty();
+            });
+            if (!ok) {
+                state.SkipWithError("no answer");
+                curl_easy_cleanup(curl);
+                return;
+            }
+        }
+        ++round;
+        if (cacheFirst && round % 128 == 0) {
+            // Emptied now and then, so that the cache's disk writes stay out of the timing.
+            state.PauseTiming();
+            net::URLCache::shared().removeAllCachedResponses();
+            state.ResumeTiming();
+        }
+    }
+    curl_easy_cleanup(curl);
+    double curlUs = timer.medianMicros(0), sessionUs = timer.medianMicros(1);
+    state.counters["curl_us"] = curlUs;
+    state.counters["session_us"] = sessionUs;
+    state.counters["session/curl"] = curlUs / sessionUs;
+}
+BENCHMARK(BM_BlockingFetchPaired)->Arg(0)->Arg(1)->UseRealTime();
 
 // Many requests in flight at once on the one network thread.
 void BM_SessionConcurrentTiles(benchmark::State& state) {

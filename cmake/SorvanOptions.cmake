@@ -22,6 +22,23 @@ if(SORVAN_SANITIZE)
     target_link_options(sorvan_options INTERFACE -fsanitize=${SORVAN_SANITIZE})
 endif()
 
+# sorvan_sanitizer_defaults(target) gives an executable of an address-sanitizer build the kit's
+# leak-checker defaults: the slow unwinder and the suppressions of bounded leaks in system
+# libraries. A program's leaks are checked as a test's are, whoever starts it.
+function(sorvan_sanitizer_defaults target)
+    if(SORVAN_SANITIZE MATCHES "address")
+        target_sources(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tools/sanitizer_defaults.cpp)
+    endif()
+endfunction()
+
+if(SORVAN_FUZZ)
+    # Coverage for the fuzzer everywhere; the fuzz targets themselves add -fsanitize=fuzzer
+    # (libFuzzer's main). Undefined behaviour stops the run like a crash.
+    target_compile_options(sorvan_options INTERFACE -fsanitize=fuzzer-no-link,address,undefined
+        -fno-sanitize-recover=undefined -fno-omit-frame-pointer)
+    target_link_options(sorvan_options INTERFACE -fsanitize=address,undefined)
+endif()
+
 # sorvan_glob(VAR dir...) collects the .cpp files of the given directories, re-globbing on build.
 function(sorvan_glob var)
     set(files)

@@ -91,31 +91,65 @@ bool isToken(std::string_view s) {
     });
 }
 
+// Control characters (a tab apart) have no place in a target or a header value; a bare CR
+// among them would let a client end a line where a later reader does not.
+bool hasControl(std::string_view s, bool allowTab) {
+    return std::any_of(s.begin(), s.end(), [allowTab](unsigned char c) {
+        return (c < 0x20 && !(allowTab && c == '\t')) || c == 0x7f;
+    });
+}
+
 }  // namespace
 
-ParseOutcome parseRequestHead(std::string_view buffer) {
-    // The head ends at the first empty line; clients may end lines with a bare LF.
-    std::size_t end = std::string_view::npos;
-    std::size_t terminator = 0;
-    for (std::size_t i = buffer.find('\n'); i != std::string_view::npos;
+std::size_t findHeadEnd(std::string_view buffer, std::size_t from) {
+    // The head ends at the first empty line; clients may end lines with a bare LF. An end may
+    // straddle `from` by two bytes ("\n\r" seen, "\n" new).
+    std::size_t start = from >= 2 ? from - 2 : 0;
+    for (std::size_t i = buffer.find('\n', start); i != std::string_view::npos;
          i = buffer.find('\n', i + 1)) {
         if (i + 1 < buffer.size() && buffer[i + 1] == '\n') {
-            end = i + 1;
-            terminator = 1;
-            break;
+            return i + 2;
         }
         if (i + 2 < buffer.size() && buffer[i + 1] == '\r' && buffer[i + 2] == '\n') {
-            end = i + 1;
-            terminator = 2;
-            break;
+            return i + 3;
         }
     }
-    if (end == std::string_view::npos) {
+    return std::string_view::npos;
+}
+
+Request requestLineOf(std::string_view buffer) {
+    Request r;
+    r.method = "-";
+    r.target = "-";
+    while (buffer.starts_with("\r\n") || buffer.starts_with("\n")) {
+        buffer.remove_prefix(buffer[0] == '\r' ? 2 : 1);
+    }
+    auto lineEnd = buffer.find('\n');
+    if (lineEnd == std::string_view::npos) {
+        return r;
+    }
+    std::string_view line = trimmed(buffer.substr(0, lineEnd));
+    auto sp1 = line.find(' ');
+    if (sp1 == std::string_view::npos) {
+        return r;
+    }
+    auto sp2 = line.find(' ', sp1 + 1);
+    r.method = std::string(line.substr(0, sp1));
+    r.target =
+        std::string(line.substr(sp1 + 1, sp2 == std::string_view::npos ? sp2 : sp2 - sp1 - 1));
+    return r;
+}
+
+ParseOutcome parseRequestHead(std::string_view buffer) {
+    std::size_t headBytes = findHeadEnd(buffer);
+    if (headBytes == std::string_view::npos) {
         if (buffer.size() > kMaxHeadBytes) {
             return invalid(431, "request head too large");
         }
         return {};
     }
+    // Up to and including the newline of the last line before the empty one.
+    std::size_t end = headBytes - (buffer[headBytes - 2] == '\r' ? 2 : 1);
     if (end > kMaxHeadBytes) {
         return invalid(431, "request head too large");
     }
@@ -123,7 +157,7 @@ ParseOutcome parseRequestHead(std::string_view buffer) {
     ParseOutcome out;
     out.kind = ParseOutcome::Kind::Complete;
     ParsedRequest& p = out.parsed;
-    p.headBytes = end + terminator;
+    p.headBytes = headBytes;
     std::string_view head = buffer.substr(0, end);
 
     // Leading empty lines before the request line are allowed and skipped.
@@ -142,11 +176,21 @@ ParseOutcome parseRequestHead(std::string_view buffer) {
     std::string_view method = requestLine.substr(0, sp1);
     std::string_view target = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
     std::string_view version = requestLine.substr(sp2 + 1);
+    // What arrived, for the access log of a request refused from here on.
+    auto refused = [&](int status, std::string reason) {
+        ParseOutcome bad = invalid(status, std::move(reason));
+        bad.parsed.request.method = std::string(method);
+        bad.parsed.request.target = std::string(target);
+        return bad;
+    };
     if (!isToken(method) || target.empty()) {
-        return invalid(400, "malformed request line");
+        return refused(400, "malformed request line");
+    }
+    if (hasControl(target, false)) {
+        return refused(400, "malformed request target");
     }
     if (version != "HTTP/1.1" && version != "HTTP/1.0") {
-        return invalid(505, "unsupported HTTP version");
+        return refused(505, "unsupported HTTP version");
     }
 
     Request& r = p.request;
@@ -175,10 +219,14 @@ ParseOutcome parseRequestHead(std::string_view buffer) {
         }
         auto colon = line.find(':');
         if (colon == std::string_view::npos || !isToken(line.substr(0, colon))) {
-            return invalid(400, "malformed header line");
+            return refused(400, "malformed header line");
+        }
+        std::string_view rawValue = trimmed(line.substr(colon + 1));
+        if (hasControl(rawValue, true)) {
+            return refused(400, "malformed header line");
         }
         std::string name = lowerCased(line.substr(0, colon));
-        std::string value(trimmed(line.substr(colon + 1)));
+        std::string value(rawValue);
         auto [it, added] = r.headers.emplace(name, value);
         if (!added) {
             it->second += ", " + value;
@@ -192,16 +240,16 @@ ParseOutcome parseRequestHead(std::string_view buffer) {
     p.keepAlive = version == "HTTP/1.1" ? connection.find("close") == std::string::npos
                                         : connection.find("keep-alive") != std::string::npos;
     if (r.headers.count("transfer-encoding") != 0) {
-        return invalid(501, "request bodies in chunks are not supported");
+        return refused(501, "request bodies in chunks are not supported");
     }
     if (auto it = r.headers.find("content-length"); it != r.headers.end()) {
         const std::string& v = it->second;
         auto [ptr, ec] = std::from_chars(v.data(), v.data() + v.size(), p.bodyBytes);
         if (ec != std::errc() || ptr != v.data() + v.size()) {
-            return invalid(400, "malformed Content-Length");
+            return refused(400, "malformed Content-Length");
         }
-        if (p.bodyBytes > 16 * 1024 * 1024) {
-            return invalid(413, "request body too large");
+        if (p.bodyBytes > kMaxBodyBytes) {
+            return refused(413, "request body too large");
         }
     }
     return out;

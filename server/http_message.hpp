@@ -1,5 +1,6 @@
 // HTTP/1.1 message handling of the embedded service: parsing a request head out of the bytes
-// read so far, and serialising a response head. Pure functions; thread-safe.
+// read so far, and serialising a response head. Pure functions of their arguments (no state,
+// no I/O), so that any bytes at all can be thrown at them; thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -13,6 +14,8 @@ namespace sorvan::server::http {
 
 /// Longest request head accepted; a longer one is answered 431 and the connection closed.
 inline constexpr std::size_t kMaxHeadBytes = 64 * 1024;
+/// Longest request body accepted (bodies are read and dropped); a longer one is answered 413.
+inline constexpr std::size_t kMaxBodyBytes = 16 * 1024 * 1024;
 
 struct ParsedRequest {
     Request request;
@@ -24,14 +27,25 @@ struct ParsedRequest {
 struct ParseOutcome {
     enum class Kind { Incomplete, Complete, Invalid };
     Kind kind = Kind::Incomplete;
-    ParsedRequest parsed;  // when Complete
+    ParsedRequest parsed;  // when Complete; when Invalid, the method and target if they arrived
     int status = 0;        // when Invalid: the status to answer before closing
     std::string reason;    // when Invalid
 };
 
 /// Parses the request head at the start of buffer. Accepts CRLF or bare LF line ends and
-/// origin-form or absolute-form targets ("http://host/path?q" keeps "/path?q").
+/// origin-form or absolute-form targets ("http://host/path?q" keeps "/path?q"). Refuses control
+/// characters in the target and in header values (a tab apart), bodies in chunks, and heads or
+/// bodies beyond the limits above.
 ParseOutcome parseRequestHead(std::string_view buffer);
+
+/// Where the head at the start of buffer ends (the offset just past its empty line), or npos
+/// while it has not ended. Bytes before `from` are known to hold no end, so a caller that reads
+/// a head piece by piece can look at each byte about once: pass the previous size.
+std::size_t findHeadEnd(std::string_view buffer, std::size_t from = 0);
+
+/// The method and target of a request line that arrived whole but whose request did not
+/// ("-" for what is missing), for logging a request that was given up on.
+Request requestLineOf(std::string_view buffer);
 
 /// "OK", "Not Found", ...; "Unknown" for a status without a standard phrase.
 const char* reasonPhrase(int status);

@@ -1,6 +1,4 @@
-#include <chrono>
 #include <optional>
-#include <thread>
 
 #include "foundation/number_text.hpp"
 #include "routes.hpp"
@@ -15,13 +13,18 @@ namespace {
 // The query-driven faults of the other tile paths work here too: "status=N" answers N,
 // "delay=S" waits S seconds first, "garbage=1" answers 200 with bytes that are no picture;
 // and "stamp=1" writes the tile's "mode z/x/y" on it.
-std::optional<Response> queryFault(const Request& request) {
+// The delay is the answer's own, so that no worker sleeps through it and stopping ends it.
+double queryDelay(const Request& request) {
     if (auto delay = request.queryItem("delay")) {
         auto seconds = text::parseDouble(*delay);
         if (seconds && *seconds > 0 && *seconds <= 600) {
-            std::this_thread::sleep_for(std::chrono::duration<double>(*seconds));
+            return *seconds;
         }
     }
+    return 0;
+}
+
+std::optional<Response> queryFault(const Request& request) {
     if (auto status = request.queryItem("status")) {
         if (auto code = text::parseInteger(*status, 100, 599)) {
             return Response::text(static_cast<int>(*code), "status on request\n");
@@ -40,7 +43,7 @@ bool wantsStamp(const Request& request, const EmbeddedService* service) {
 }
 
 Handler mapServerTileHandler(const EmbeddedService* service) {
-    return [service](const Request& request) {
+    auto answer = [service](const Request& request) {
         if (auto fault = queryFault(request)) {
             return *fault;
         }
@@ -54,6 +57,11 @@ Handler mapServerTileHandler(const EmbeddedService* service) {
             return Response::text(500, "tile could not be painted");
         }
         return Response::png(*bytes);
+    };
+    return [answer](const Request& request) {
+        Response response = answer(request);
+        response.delaySeconds = queryDelay(request);
+        return response;
     };
 }
 

@@ -144,6 +144,20 @@ RoadNetwork RoadNetwork::parse(std::string_view tsv) {
     return network;
 }
 
+RoadSpot RoadNetwork::spotOnEdge(std::size_t i, double t) const {
+    const Edge& e = edges_.at(i);
+    RoadSpot spot{e.points.front(), e.nameTh, e.nameEn, e.kind == Edge::Kind::Ferry};
+    if (e.points.size() < 2) {
+        return spot;
+    }
+    double along = std::clamp(t, 0.0, 1.0) * static_cast<double>(e.points.size() - 1);
+    auto k = std::min(static_cast<std::size_t>(along), e.points.size() - 2);
+    double f = along - static_cast<double>(k);
+    spot.at = {e.points[k].lat + (e.points[k + 1].lat - e.points[k].lat) * f,
+               e.points[k].lon + (e.points[k + 1].lon - e.points[k].lon) * f};
+    return spot;
+}
+
 std::size_t RoadNetwork::nearestNode(LatLon p) const {
     std::size_t best = 0;
     double bestMeters = std::numeric_limits<double>::infinity();

@@ -40,6 +40,13 @@ struct PlannedRoute {
     std::vector<RouteStep> steps;
 };
 
+/// A point on a road of the network, with the road's names.
+struct RoadSpot {
+    LatLon at;
+    std::string nameTh, nameEn;
+    bool ferry = false;
+};
+
 class RoadNetwork {
   public:
     static const RoadNetwork& builtin();
@@ -52,6 +59,9 @@ class RoadNetwork {
 
     std::size_t nodeCount() const { return nodes_.size(); }
     std::size_t edgeCount() const { return edges_.size(); }
+    /// The point a fraction t (0..1) of the way along edge i's geometry. REQUIRES: i <
+    /// edgeCount().
+    RoadSpot spotOnEdge(std::size_t i, double t) const;
 
   private:
     struct Edge {

@@ -1,5 +1,6 @@
 #include "routes.hpp"
 #include "sorvan/server/embedded_service.hpp"
+#include "sorvan/server/live_streams.hpp"
 
 namespace sorvan::server {
 
@@ -12,6 +13,11 @@ void installBuiltinRoutes(EmbeddedService& service) {
     installMapServerRoutes(service);
     installSearchRoutes(service);
     installRoutingRoutes(service);
+    installLiveRoutes(service);
+    installClusterRoutes(service);
+    installEventRoutes(service);
+    installIconRoutes(service);
+    installCameraRoutes(service);
 }
 
 }  // namespace sorvan::server

@@ -17,5 +17,16 @@ void installMapServerRoutes(EmbeddedService& service);
 void installSearchRoutes(EmbeddedService& service);
 /// "/tvroute/json/route/guide" and "/tvroute/json/route/path" over the built-in roads.
 void installRoutingRoutes(EmbeddedService& service);
+/// "/ClusterService/json/cluster/epsg3857/{z}/{index}/{lang}": the catalogue's places matching
+/// the requested tags, clustered per tile.
+void installClusterRoutes(EmbeddedService& service);
+/// "/feed/json": the live traffic incidents at the service's clock.
+void installEventRoutes(EmbeddedService& service);
+/// "/camera.json", the cameras' pictures under "/cctv/" and the sponsor banners under
+/// "/feed/images/".
+void installCameraRoutes(EmbeddedService& service);
+/// Map icons "/tvmap/images/icons{,_2x,_3x}/NAME.png" and traffic signs
+/// "/sites/all/modules/traffic/images/icon_NAME-l.png".
+void installIconRoutes(EmbeddedService& service);
 
 }  // namespace sorvan::server

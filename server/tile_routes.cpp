@@ -10,14 +10,12 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <map>
 #include <optional>
 #include <string>
-#include <thread>
 
 #include "foundation/number_text.hpp"
 #include "routes.hpp"
@@ -180,13 +178,7 @@ Response data(const Request& request) {
 
 // The query-driven fault convention of this file's paths.
 Handler withFaults(Handler handler) {
-    return [handler = std::move(handler)](const Request& request) {
-        if (auto delay = request.queryItem("delay")) {
-            if (auto seconds = text::parseDouble(*delay); seconds && *seconds > 0) {
-                std::this_thread::sleep_for(
-                    std::chrono::duration<double>(std::min(*seconds, 600.0)));
-            }
-        }
+    auto answer = [handler = std::move(handler)](const Request& request) {
         if (auto status = request.queryItem("status")) {
             if (auto code = text::parseInteger(*status); code && *code >= 100 && *code <= 599) {
                 return Response::text(static_cast<int>(*code), "status on request\n");
@@ -197,6 +189,16 @@ Handler withFaults(Handler handler) {
             return r;
         }
         return handler(request);
+    };
+    // The delay is the answer's own, so that no worker sleeps through it and stopping ends it.
+    return [answer = std::move(answer)](const Request& request) {
+        Response response = answer(request);
+        if (auto delay = request.queryItem("delay")) {
+            if (auto seconds = text::parseDouble(*delay); seconds && *seconds > 0) {
+                response.delaySeconds = std::min(*seconds, 600.0);
+            }
+        }
+        return response;
     };
 }
 

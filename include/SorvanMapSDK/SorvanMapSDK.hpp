@@ -1,6 +1,9 @@
 // Umbrella header of SorvanMapSDK: include this to get every public class of the kit.
 #pragma once
 
+#include "SorvanMapSDK/LocationController.hpp"
+#include "SorvanMapSDK/LocationControllerDelegate.hpp"
+#include "SorvanMapSDK/SMCameraAnnotation.hpp"
 #include "SorvanMapSDK/SMGeodesy.hpp"
 #include "SorvanMapSDK/SMIcon.hpp"
 #include "SorvanMapSDK/SMLayer.hpp"
@@ -10,8 +13,10 @@
 #include "SorvanMapSDK/SMRouteResult.hpp"
 #include "SorvanMapSDK/SMSearchDelegate.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
+#include "SorvanMapSDK/SMServiceTask.hpp"
 #include "SorvanMapSDK/SMSuggestOptions.hpp"
 #include "SorvanMapSDK/SMTileOverlay.hpp"
+#include "SorvanMapSDK/SMUserAnnotation.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "SorvanMapSDK/Version.hpp"

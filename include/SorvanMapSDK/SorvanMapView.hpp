@@ -18,6 +18,9 @@
 #include <string>
 #include <vector>
 
+#include "SorvanMapSDK/LocationControllerDelegate.hpp"
+#include "SorvanMapSDK/SMServiceTask.hpp"
+#include "SorvanMapSDK/SMTagDelegate.hpp"
 #include "sorvan/platform/export.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/url.hpp"
@@ -28,6 +31,7 @@
 
 namespace sorvan {
 
+class SMCameraAnnotation;
 class SMLayer;
 class SMTileOverlay;
 class SMPinAnnotation;
@@ -36,6 +40,9 @@ class SMSuggestOptions;
 class SMSearchDelegate;
 class SMRouteOptions;
 class SMRouteResult;
+class SMTagOptions;
+class SMTagAnnotation;
+class SMUserAnnotation;
 
 /// Receives the raw answers of data-template tile layers (format 3).
 class SORVAN_EXPORT SMTileDataDelegate {
@@ -53,15 +60,22 @@ using SMSuggestResult = std::function<void(const std::optional<std::vector<std::
                                            const std::optional<net::Error>& error)>;
 using SMRouteResultBlock = std::function<void(const std::shared_ptr<SMRouteResult>& result,
                                               const std::optional<net::Error>& error)>;
+/// Receives a fetched icon on the main queue: the picture, the kit's fallback after a failed
+/// request, or nullptr when the answer was no picture.
+using SMImageCompletion = std::function<void(const std::shared_ptr<gfx::Image>& image)>;
+
 using SMPathResult =
     std::function<void(const std::optional<std::vector<std::shared_ptr<map::Polyline>>>& polylines,
                        const std::optional<net::Error>& error)>;
 
-/// Also the data delegate of its own format-3 tile overlays: it forwards their answers to the
-/// host's dataDelegate.
+/// Also the data delegate of its own format-3 tile overlays (it forwards their answers to the
+/// host's dataDelegate), the tag delegate of the renderer bound to tags and, once it draws the
+/// user itself, the shared LocationController's delegate.
 class SORVAN_EXPORT SorvanMapView : public map::MapView,
                                     public map::MapViewDelegate,
-                                    public SMTileDataDelegate {
+                                    public SMTileDataDelegate,
+                                    public SMTagDelegate,
+                                    public LocationControllerDelegate {
   public:
     /// A new view that is its own map delegate. Runs the class start-up on first use.
     static std::shared_ptr<SorvanMapView> create(gfx::Rect frame = {0, 0, 320, 480});
@@ -191,8 +205,121 @@ class SORVAN_EXPORT SorvanMapView : public map::MapView,
         map::MapView& mapView, const std::shared_ptr<map::Overlay>& overlay) override;
     /// Forwards data-template answers to dataDelegate (called on tile threads).
     void dataFromTile(const net::Data& data) override;
-    /// Re-binds tags after the layer stack changed (no-op while no tags are shown).
+
+    // Tags: clustered points of interest ---------------------------------------------------
+    // Tags are bound to the renderer of the topmost tile overlay (the process-wide tagOverlay):
+    // every tile it draws at a zoom in the range asks the clustering service for that tile's
+    // tags, which arrive as SMTagAnnotations on the main queue. A tag layer (mode 19) above it
+    // carries the zoom range. Only the tags of the current zoom are shown.
+    /// showTags(tags, nullptr).
+    void showTags(const std::vector<std::string>& tags);
+    /// Binds tags to the topmost tile overlay's renderer, removing earlier tags first. Nothing
+    /// is bound without a tile overlay. Without options the tag layer spans zooms 1..22, with
+    /// options location .. location + length (so default options give 1..23); the renderer's
+    /// range is the options' (1, 22 without).
+    void showTags(const std::optional<std::vector<std::string>>& tags,
+                  const std::shared_ptr<SMTagOptions>& options);
+    /// Re-binds the shown tags to the overlay that is now topmost, with the tag layer's range
+    /// (1..22 when it is gone). Does nothing while no tags are shown.
     void reAddTag();
+    /// Takes every tag off the map, unbinds the renderer and removes the tag layer.
+    void removeAllTags();
+    /// Adds the tags to the map in one call, on the main queue (callable from any thread).
+    void tagData(const std::vector<std::shared_ptr<SMTagAnnotation>>& tags) override;
+    /// Takes every tag of another zoom off the map in one call, on the main queue.
+    void removeOldTagFromZoom(std::int64_t zoom) override;
+
+    // Traffic events -------------------------------------------------------------------------
+    // The event feed is loaded whole; a reload keeps the annotation of every event still in
+    // the feed (by "eid", the first match), drops the others and adds the new ones. The
+    // refresh timer (every 180 s) is process-wide: starting it on one view stops another's.
+    bool showsEvents() const { return showsEvents_; }
+    /// true: load now and refresh every 180 s. false: stop the refresh and take the events
+    /// off the map.
+    void setShowsEvents(bool shows);
+    /// setShowsEvents(true).
+    void showEvents();
+    /// Takes the events off the map but leaves the refresh timer running, so its next tick
+    /// shows them again.
+    void removeEvents();
+    /// Turns events on and requests the feed.
+    void loadEvent();
+    /// Takes every event off the map, on the main queue.
+    void unloadEvent();
+
+    // Traffic cameras ------------------------------------------------------------------------
+    // The camera feed is loaded once each time cameras are switched on (no refresh). Loading
+    // again without unloading first shows every camera once more, as each load adds what it
+    // brought. A feed that fails is logged ("showCameras Error: ...") and adds nothing.
+    bool showsCameras() const { return showsCameras_; }
+    /// Stores the value, then loads (true) or unloads (false); true twice loads twice.
+    void setShowsCameras(bool shows);
+    /// setShowsCameras(true).
+    void showCameras();
+    /// setShowsCameras(false).
+    void removeCameras();
+    /// Requests the camera feed; its cameras are added on the main queue when it arrives, or
+    /// dropped (and every camera taken off) if cameras were switched off meanwhile.
+    void loadCamera();
+    /// Takes every camera off the map, on the main queue (always later, never at once).
+    void unloadCamera();
+    /// A new view, zero frame and in no hierarchy, that shows the camera: a web picture for a
+    /// still or moving picture, a live video filling it with the sponsor's banner at its
+    /// bottom for a stream. The caller places and sizes it; a stream plays for as long as the
+    /// view lives. The banner arrives later, on the main queue, and the video is fitted to
+    /// the view's size one second after that.
+    std::shared_ptr<ui::View> getVDOViewFromCameraData(
+        const std::shared_ptr<SMCameraAnnotation>& camera);
+
+    // Annotation views and icons -------------------------------------------------------------
+    /// A new view for every annotation: the user's position (the kit's own drawing when the
+    /// user annotation type is 1, else nullptr: the engine's dot), a pin or tag or event with
+    /// the icon it names (fetched), a camera with the "camera" or "video" traffic icon, a stale tag
+    /// removed from the map (an empty view), anything else a red pin.
+    std::shared_ptr<map::AnnotationView> viewForAnnotation(
+        map::MapView& mapView, const std::shared_ptr<map::Annotation>& annotation) override;
+    /// Tags, events and cameras never stay selected.
+    void didSelectAnnotationView(map::MapView& mapView,
+                                 const std::shared_ptr<map::AnnotationView>& view) override;
+    /// Fetches an icon: kind 0 a map icon ("reddot" without a type) at this view's screen
+    /// scale, kind 1 a traffic icon ("information" without a type) at scale 2; any other kind
+    /// fetches nothing and never completes. Answers come from the URL cache once cached. A
+    /// failed request gives the kit's "reddot" or "information"; an answer that is no picture
+    /// gives nullptr. completion runs on the main queue.
+    void getImageFromType(const std::optional<std::string>& type, std::int64_t pinType,
+                          SMImageCompletion completion);
+
+    // The user's position ---------------------------------------------------------------------
+    // With userAnnotationType 1 the kit draws the user itself: an SMUserAnnotation with a
+    // marker and a heading arrow that turns with the compass and with the map's rotation,
+    // following the shared LocationController. Any other value leaves the engine's own dot.
+    // Where the user is comes from the map's location source (setShowsUserLocation).
+    std::int64_t userAnnotationType() const { return userAnnotationType_; }
+    /// Stores the type. 1 also makes this view the shared LocationController's delegate (which
+    /// makes the controller, and starts its manager, on first use) and sets currentHeading to
+    /// -1: no heading yet. Other values take nothing back: headings keep coming and are
+    /// ignored.
+    void setUserAnnotationType(std::int64_t type);
+    std::shared_ptr<gfx::Image> userLocationImage() const { return userLocationImage_; }
+    /// Stores the marker picture and shows it in the user drawing on the map, if there is one
+    /// now; a drawing made later gets it (in a 32 x 40 frame, aspect-fit).
+    void setUserLocationImage(std::shared_ptr<gfx::Image> image);
+    std::shared_ptr<gfx::Image> userLocationArrow() const { return userLocationArrow_; }
+    /// Stores the arrow picture and shows it in the user drawing on the map, if there is one
+    /// now; a drawing made later gets it (aspect-fit).
+    void setUserLocationArrow(std::shared_ptr<gfx::Image> image);
+    /// Turns the arrow of the user drawing on the map to currentHeading against the camera's
+    /// heading, over 0.1 s from no rotation; hides it while currentHeading is 0 or -1. Does
+    /// nothing while the map has no user drawing.
+    void setUserLocationHeading();
+    /// Nothing: the map moves the user's annotation itself.
+    void locationControllerDidUpdateLocation(const location::Location& location) override;
+    /// With userAnnotationType 1: a reliable heading (accuracy above 0) sets currentHeading to
+    /// its true heading, or to its magnetic heading when the true one is not above 0; an
+    /// unreliable one sets -1. Then turns the arrow.
+    void locationControllerDidUpdateHeading(const location::Heading& heading) override;
+    /// Logs "Get location fail: DESCRIPTION".
+    void locationControllerDidFailWithError(const location::LocationError& error) override;
 
     // Geodesy (pure; any thread) -------------------------------------------------------------
     /// "47P, 662367, 1521281" (band letter) or "47N, ..." (hemisphere) when !withZone.
@@ -202,20 +329,38 @@ class SORVAN_EXPORT SorvanMapView : public map::MapView,
     /// Square metres; throws std::invalid_argument for a shape with no points.
     double areaOfPolygon(const map::MultiPoint& polygon) const;
 
-    // Search and suggest ---------------------------------------------------------------------
-    void searchWithKeyword(const std::string& keyword, map::Coordinate coordinate);
-    void searchWithKeyword(const std::string& keyword, map::Coordinate coordinate,
-                           const std::string& span, std::int64_t offset, std::int64_t limit);
-    void suggestWithKeyword(const std::string& keyword);
-    void searchKeyword(const std::string& keyword, const std::shared_ptr<SMSearchOptions>& options,
-                       SMSearchResult result);
-    void suggestKeyword(const std::string& keyword,
-                        const std::shared_ptr<SMSuggestOptions>& options, SMSuggestResult result);
+    // Search, suggest and routing -------------------------------------------------------------
+    //
+    // Each call returns at once after starting its request, with a task through which the host
+    // may cancel it (SMServiceTask); dropping the task cancels nothing. Delegate-style results
+    // (searchData, suggestData) reach the search delegate on the main queue; result blocks run
+    // on the URL session's queue, so a block that touches the view must hop to the main queue
+    // itself. A failure is logged and, for a result block, delivered as an error; a cancelled
+    // call delivers and logs nothing.
 
-    // Routing --------------------------------------------------------------------------------
-    void routeFrom(map::Coordinate from, map::Coordinate to,
-                   const std::shared_ptr<SMRouteOptions>& options, SMRouteResultBlock result);
-    void pathFrom(std::int64_t routeId, SMPathResult result);
+    /// Searches around coordinate: the five-argument form with "20000km", 0 and 20.
+    std::shared_ptr<SMServiceTask> searchWithKeyword(const std::string& keyword,
+                                                     map::Coordinate coordinate);
+    /// Span, offset and limit are accepted and not sent. Result: searchData on the delegate.
+    std::shared_ptr<SMServiceTask> searchWithKeyword(const std::string& keyword,
+                                                     map::Coordinate coordinate,
+                                                     const std::string& span, std::int64_t offset,
+                                                     std::int64_t limit);
+    /// Result: suggestData on the delegate.
+    std::shared_ptr<SMServiceTask> suggestWithKeyword(const std::string& keyword);
+    /// options may be null: then only keyword, locale and key are sent.
+    std::shared_ptr<SMServiceTask> searchKeyword(const std::string& keyword,
+                                                 const std::shared_ptr<SMSearchOptions>& options,
+                                                 SMSearchResult result);
+    std::shared_ptr<SMServiceTask> suggestKeyword(const std::string& keyword,
+                                                  const std::shared_ptr<SMSuggestOptions>& options,
+                                                  SMSuggestResult result);
+
+    /// The guide request, then the path request for its route; cancelling the task ends both.
+    std::shared_ptr<SMServiceTask> routeFrom(map::Coordinate from, map::Coordinate to,
+                                             const std::shared_ptr<SMRouteOptions>& options,
+                                             SMRouteResultBlock result);
+    std::shared_ptr<SMServiceTask> pathFrom(std::int64_t routeId, SMPathResult result);
 
   protected:
     explicit SorvanMapView(gfx::Rect frame);
@@ -231,6 +376,11 @@ class SORVAN_EXPORT SorvanMapView : public map::MapView,
     /// default dot.
     std::shared_ptr<map::AnnotationView> userLocationAnnotationView(
         const std::shared_ptr<map::Annotation>& annotation);
+    /// The kit's drawing inside the view the map has now for its user-location annotation.
+    std::shared_ptr<SMUserAnnotation> userDrawing() const;
+
+    /// Whether the annotation's view is deselected as soon as it is selected.
+    static bool staysUnselected(const map::Annotation& annotation);
 
     mutable std::mutex delegateMutex_;
     std::weak_ptr<SMSearchDelegate> searchDelegate_;  // guarded by delegateMutex_
@@ -239,6 +389,11 @@ class SORVAN_EXPORT SorvanMapView : public map::MapView,
     std::optional<net::URL> boxDomain_;
     std::shared_ptr<ui::ImageView> crosshair_;
     double storedZoom_ = 0.0;  // never written by the kit; setZoomLevel reads it
+    bool showsEvents_ = false;
+    bool showsCameras_ = false;
+    std::int64_t userAnnotationType_ = 0;
+    std::shared_ptr<gfx::Image> userLocationImage_;
+    std::shared_ptr<gfx::Image> userLocationArrow_;
 };
 
 }  // namespace sorvan

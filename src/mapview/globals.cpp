@@ -2,8 +2,10 @@
 
 #include <mutex>
 
+#include "SorvanMapSDK/SMTileOverlayRenderer.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "sorvan/platform/ui/controls.hpp"
+#include "tags/tag_registry.hpp"
 
 namespace sorvan::globals {
 namespace {
@@ -22,6 +24,8 @@ struct State {
     std::shared_ptr<dispatch::Timer> trafficTimer;
     bool isTrafficShowed = false;
     std::shared_ptr<dispatch::Timer> eventTimer;
+    std::shared_ptr<SMTileOverlayRenderer> tagOverlay;
+    std::shared_ptr<tags::TagRegistry> pathOnMap = std::make_shared<tags::TagRegistry>();
 };
 
 std::mutex gMutex;
@@ -52,10 +56,14 @@ T get(T State::*field) {
     return state().*field;
 }
 
+// The value replaced is released after the lock: a renderer or timer going away must not run
+// its destructor under it.
 template <typename T>
 void set(T State::*field, T value) {
-    std::lock_guard lock(gMutex);
-    state().*field = std::move(value);
+    {
+        std::lock_guard lock(gMutex);
+        std::swap(state().*field, value);
+    }
 }
 
 }  // namespace
@@ -125,6 +133,19 @@ std::shared_ptr<dispatch::Timer> eventTimer() {
 }
 void setEventTimer(std::shared_ptr<dispatch::Timer> t) {
     set(&State::eventTimer, std::move(t));
+}
+
+std::shared_ptr<SMTileOverlayRenderer> tagOverlay() {
+    return get(&State::tagOverlay);
+}
+void setTagOverlay(std::shared_ptr<SMTileOverlayRenderer> renderer) {
+    set(&State::tagOverlay, std::move(renderer));
+}
+std::shared_ptr<tags::TagRegistry> pathOnMap() {
+    return get(&State::pathOnMap);
+}
+void resetPathOnMap() {
+    set(&State::pathOnMap, std::make_shared<tags::TagRegistry>());
 }
 
 void resetForTesting() {

@@ -14,6 +14,12 @@
 namespace sorvan::ui {
 class Button;
 }
+namespace sorvan {
+class SMTileOverlayRenderer;
+}
+namespace sorvan::tags {
+class TagRegistry;
+}
 
 namespace sorvan::globals {
 
@@ -52,6 +58,15 @@ void setIsTrafficShowed(bool shown);
 
 std::shared_ptr<dispatch::Timer> eventTimer();
 void setEventTimer(std::shared_ptr<dispatch::Timer> timer);
+
+/// The one renderer bound to tags, or nullptr while no tags are shown.
+std::shared_ptr<SMTileOverlayRenderer> tagOverlay();
+void setTagOverlay(std::shared_ptr<SMTileOverlayRenderer> renderer);
+
+/// The registry of tags already delivered. One at a time for the whole process: replaced by
+/// an empty one whenever a tile renderer is made or reloaded.
+std::shared_ptr<tags::TagRegistry> pathOnMap();
+void resetPathOnMap();
 
 /// Restores every value above to its initial state (the layer and traffic servers belong to
 /// the ServiceConfig and are left alone).

@@ -9,11 +9,11 @@
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "mapview/class_start_up.hpp"
 #include "mapview/globals.hpp"
-#include "mapview/view_hooks.hpp"
 #include "sorvan/platform/foundation/bundle.hpp"
 #include "sorvan/platform/foundation/defaults.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
+#include "sorvan/platform/location/map_location_source.hpp"
 #include "sorvan/platform/ui/layout_constraint.hpp"
 #include "tiles/tile_cache.hpp"
 
@@ -48,6 +48,8 @@ std::shared_ptr<SorvanMapView> SorvanMapView::create(gfx::Rect frame) {
     initialize();
     std::shared_ptr<SorvanMapView> view(new SorvanMapView(frame));
     view->setDelegate(view);
+    // Where the user is, once the host shows it: the process's shared location source.
+    view->setLocationSource(std::make_shared<location::MapLocationSource>());
     return view;
 }
 
@@ -142,8 +144,9 @@ void SorvanMapView::setLanguage(std::int64_t language) {
         }
     }
     reAddTag();
-    for (const auto& follower : mapview::languageChangeFollowers()) {
-        follower(*this);
+    if (showsEvents_) {
+        unloadEvent();
+        loadEvent();
     }
 }
 
@@ -215,14 +218,6 @@ void SorvanMapView::openTerm() {
 void SorvanMapView::dataFromTile(const net::Data& data) {
     if (auto delegate = dataDelegate()) {
         delegate->dataFromTile(data);
-    }
-}
-
-// Until the tag feature registers its rebinder no tags can be shown, and re-binding has
-// nothing to do.
-void SorvanMapView::reAddTag() {
-    if (auto rebinder = mapview::tagRebinder()) {
-        rebinder(*this);
     }
 }
 

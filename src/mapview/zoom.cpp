@@ -3,6 +3,9 @@
 #include <cstdint>
 #include <limits>
 
+#include "SorvanMapSDK/SMEventAnnotation.hpp"
+#include "SorvanMapSDK/SMTagAnnotation.hpp"
+#include "SorvanMapSDK/SMTileOverlayRenderer.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "mapview/globals.hpp"
 #include "mapview/view_hooks.hpp"
@@ -74,28 +77,24 @@ void SorvanMapView::regionDidChangeAnimated(map::MapView& /*mapView*/, bool /*an
         setZoomLevel(20.0);
     }
 
-    std::vector<mapview::ZoomBoundAnnotations> features = mapview::zoomBoundAnnotations();
-    bool walk = false;
-    for (const auto& feature : features) {
-        if (feature.walkNeeded && feature.walkNeeded(*this)) {
-            walk = true;
-            break;
-        }
+    // Tags of other zooms and events above their show level are hidden; the others shown.
+    // Annotations whose view was never made are left alone.
+    auto bound = globals::tagOverlay();
+    bool tagsShown = false;
+    if (bound) {
+        auto names = bound->tag();
+        tagsShown = names && !names->empty();
     }
-    if (walk) {
+    if (tagsShown || showsEvents_) {
         for (const auto& annotation : annotations()) {
             std::shared_ptr<map::AnnotationView> view = viewForAnnotation(annotation);
             if (!view) {
                 continue;
             }
-            for (const auto& feature : features) {
-                if (!feature.hiddenAtZoom) {
-                    continue;
-                }
-                if (std::optional<bool> hidden = feature.hiddenAtZoom(*annotation, zoom)) {
-                    view->setHidden(*hidden);
-                    break;
-                }
+            if (auto tag = std::dynamic_pointer_cast<SMTagAnnotation>(annotation)) {
+                view->setHidden(tag->zoom() != std::int64_t{zoom});
+            } else if (auto event = std::dynamic_pointer_cast<SMEventAnnotation>(annotation)) {
+                view->setHidden(event->showlevel() > std::int64_t{zoom});
             }
         }
     }

@@ -1,10 +1,14 @@
-// One GET of a service call whose answer is JSON. Internal to the service clients.
+// One GET of a service call whose answer is JSON, and the shape every completion-style call
+// delivers its result in. Internal to the service clients.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <optional>
+#include <utility>
 
 #include "foundation/json_access.hpp"
+#include "services/service_task_access.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 
 namespace sorvan::services {
@@ -15,6 +19,45 @@ namespace sorvan::services {
 using JSONHandler =
     std::function<void(std::optional<json::Value> root, std::optional<net::Error> error)>;
 
-void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler);
+/// Starts the GET; its handler runs once. Returns the request's task (null for a missing
+/// request), which may be cancelled: the handler then runs with a Cancelled error.
+std::shared_ptr<net::DataTask> fetchJSON(std::optional<net::URLRequest> request,
+                                         JSONHandler handler);
+
+/// Whether a failed call's log line is written after its result block heard of the failure
+/// or before it.
+enum class FailureLog { AfterBlock, BeforeBlock };
+
+/// The handler of a call with one result block, as a step of task: a cancelled call reads,
+/// logs and calls nothing. A failure reaches block as (empty, error) and log(description), in
+/// the order given; an answer goes to answer(root, block), which hands block its result.
+/// block may be empty: a failure is then only logged, and answer still runs.
+template <typename Block, typename Log, typename Answer>
+JSONHandler resultHandler(std::shared_ptr<SMServiceTask> task, Block block, Log log,
+                          FailureLog order, Answer answer) {
+    return [task = std::move(task), block = std::move(block), log = std::move(log), order,
+            answer = std::move(answer)](std::optional<json::Value> root,
+                                        std::optional<net::Error> error) mutable {
+        Step step(*task);
+        if (!step) {
+            return;
+        }
+        // A copy: the block may drop whatever holds this handler.
+        auto result = block;
+        if (error) {
+            if (order == FailureLog::BeforeBlock) {
+                log(error->localizedDescription);
+            }
+            if (result) {
+                result({}, error);
+            }
+            if (order == FailureLog::AfterBlock) {
+                log(error->localizedDescription);
+            }
+            return;
+        }
+        answer(*root, result);
+    };
+}
 
 }  // namespace sorvan::services

@@ -10,6 +10,7 @@
 #include "services/answers.hpp"
 #include "services/fetch.hpp"
 #include "services/service_client.hpp"
+#include "services/service_task_access.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 
@@ -153,78 +154,87 @@ std::string RouteClient::guideQuery(map::Coordinate from, map::Coordinate to,
     return query;
 }
 
-void RouteClient::routeFrom(map::Coordinate from, map::Coordinate to, const SMRouteOptions* options,
-                            SMRouteResultBlock result) const {
+std::shared_ptr<SMServiceTask> RouteClient::routeFrom(map::Coordinate from, map::Coordinate to,
+                                                      const SMRouteOptions* options,
+                                                      SMRouteResultBlock result) const {
+    auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kGuidePath, guideQuery(from, to, options));
     RouteClient self = *this;
-    fetchJSON(std::move(request), [self, from, to, result = std::move(result)](
-                                      std::optional<json::Value> root,
-                                      std::optional<net::Error> error) {
-        auto block = result;
-        if (error) {
-            if (block) {
-                block(nullptr, error);
-            }
-            logRouteError(from, to, error->localizedDescription);
-            return;
-        }
-        RouteHead head;
-        try {
-            head = readRouteHead(std::move(*root));
-        } catch (const std::exception& e) {
-            // A malformed answer gives the caller neither a route nor an error object, and
-            // no path request is made.
-            if (block) {
-                block(nullptr, std::nullopt);
-            }
-            logRouteError(from, to, e.what());
-            return;
-        }
-        self.pathFrom(head.id, [from, to, route = head.route, routeJson = std::move(head.routeJson),
-                                block](const auto& polylines, const std::optional<net::Error>&) {
-            // A failed path request still yields the route, without geometry.
-            std::vector<std::shared_ptr<SMRouteGuide>> guides;
-            try {
-                guides = joinGuide(routeJson, polylines);
-            } catch (const std::exception& e) {
-                // Steps of the wrong kind after a well-formed route head: reported like a
-                // malformed answer rather than taking the session queue down.
-                if (block) {
-                    block(nullptr, std::nullopt);
-                }
-                logRouteError(from, to, e.what());
-                return;
-            }
-            route->setGuide(std::move(guides));
-            if (block) {
-                block(route, std::nullopt);
-            }
-        });
-    });
+    auto transfer =
+        fetchJSON(std::move(request),
+                  resultHandler(
+                      task, std::move(result),
+                      [from, to](const std::string& why) { logRouteError(from, to, why); },
+                      FailureLog::AfterBlock,
+                      [self, task, from, to](json::Value& root, const SMRouteResultBlock& block) {
+                          RouteHead head;
+                          try {
+                              head = readRouteHead(std::move(root));
+                          } catch (const std::exception& e) {
+                              // A malformed answer gives the caller neither a route nor an error
+                              // object, and no path request is made.
+                              if (block) {
+                                  block(nullptr, std::nullopt);
+                              }
+                              logRouteError(from, to, e.what());
+                              return;
+                          }
+                          // The path request belongs to the same call: cancelling the route ends it
+                          // too.
+                          self.requestPath(
+                              task, head.id,
+                              [from, to, route = head.route, routeJson = std::move(head.routeJson),
+                               block](const auto& polylines, const std::optional<net::Error>&) {
+                                  // A failed path request still yields the route, without geometry.
+                                  std::vector<std::shared_ptr<SMRouteGuide>> guides;
+                                  try {
+                                      guides = joinGuide(routeJson, polylines);
+                                  } catch (const std::exception& e) {
+                                      // Steps of the wrong kind after a well-formed route head:
+                                      // reported like a malformed answer rather than taking the
+                                      // session queue down.
+                                      if (block) {
+                                          block(nullptr, std::nullopt);
+                                      }
+                                      logRouteError(from, to, e.what());
+                                      return;
+                                  }
+                                  route->setGuide(std::move(guides));
+                                  if (block) {
+                                      block(route, std::nullopt);
+                                  }
+                              });
+                      }));
+    ServiceTaskAccess::attach(*task, std::move(transfer));
+    return task;
 }
 
-void RouteClient::pathFrom(std::int64_t routeId, SMPathResult result) const {
+std::shared_ptr<SMServiceTask> RouteClient::pathFrom(std::int64_t routeId,
+                                                     SMPathResult result) const {
+    auto task = ServiceTaskAccess::create();
+    requestPath(task, routeId, std::move(result));
+    return task;
+}
+
+void RouteClient::requestPath(const std::shared_ptr<SMServiceTask>& task, std::int64_t routeId,
+                              SMPathResult result) const {
     // The path request carries neither key nor locale.
     auto request =
         makeRequest(settings_, kPathPath, strformat("id=%ld", static_cast<long>(routeId)));
-    fetchJSON(std::move(request),
-              [routeId, result = std::move(result)](std::optional<json::Value> root,
-                                                    std::optional<net::Error> error) {
-                  auto block = result;
-                  if (error) {
-                      // Logged before the caller hears of it: the reverse of the guide request's
-                      // order.
-                      logPathError(routeId, error->localizedDescription);
-                      if (block) {
-                          block(std::nullopt, error);
-                      }
-                      return;
-                  }
-                  auto polylines = readPolylines(*root, routeId);
-                  if (block) {
-                      block(std::move(polylines), std::nullopt);
-                  }
-              });
+    auto transfer = fetchJSON(
+        std::move(request),
+        resultHandler(
+            task, std::move(result),
+            [routeId](const std::string& why) { logPathError(routeId, why); },
+            // Logged before the caller hears of it: the reverse of the guide request's order.
+            FailureLog::BeforeBlock,
+            [routeId](const json::Value& root, const SMPathResult& block) {
+                auto polylines = readPolylines(root, routeId);
+                if (block) {
+                    block(std::move(polylines), std::nullopt);
+                }
+            }));
+    ServiceTaskAccess::attach(*task, std::move(transfer));
 }
 
 }  // namespace sorvan::services

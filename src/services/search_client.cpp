@@ -9,6 +9,7 @@
 #include "services/answers.hpp"
 #include "services/fetch.hpp"
 #include "services/service_client.hpp"
+#include "services/service_task_access.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
@@ -151,46 +152,65 @@ std::string SearchClient::suggestQuery(const std::string& keyword,
     return query;
 }
 
-void SearchClient::searchWithKeyword(const std::string& keyword, map::Coordinate coordinate,
-                                     PinsSink onMain) const {
+std::shared_ptr<SMServiceTask> SearchClient::searchWithKeyword(const std::string& keyword,
+                                                               map::Coordinate coordinate,
+                                                               PinsSink onMain) const {
+    auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kSearchPath, searchQuery(keyword, coordinate));
-    fetchJSON(std::move(request),
-              [keyword, coordinate, onMain = std::move(onMain)](std::optional<json::Value> root,
-                                                                std::optional<net::Error> error) {
-                  // A failed request reaches the log only; the delegate hears nothing.
-                  if (error) {
-                      logSearchError(keyword, coordinate, error->localizedDescription);
-                      return;
-                  }
-                  auto pins = readPins(*root, keyword, coordinate);
-                  dispatch::RunLoop::main().async([onMain, pins = std::move(pins)] {
-                      if (onMain) {
-                          onMain(pins);
-                      }
-                  });
-              });
+    auto transfer = fetchJSON(
+        std::move(request), [task, keyword, coordinate, onMain = std::move(onMain)](
+                                std::optional<json::Value> root, std::optional<net::Error> error) {
+            Step step(*task);
+            if (!step) {
+                return;
+            }
+            // A failed request reaches the log only; the delegate hears nothing.
+            if (error) {
+                logSearchError(keyword, coordinate, error->localizedDescription);
+                return;
+            }
+            auto pins = readPins(*root, keyword, coordinate);
+            dispatch::RunLoop::main().async([task, onMain, pins = std::move(pins)] {
+                Step onMainStep(*task);
+                if (onMainStep && onMain) {
+                    onMain(pins);
+                }
+            });
+        });
+    ServiceTaskAccess::attach(*task, std::move(transfer));
+    return task;
 }
 
-void SearchClient::suggestWithKeyword(const std::string& keyword, WordsSink onMain) const {
+std::shared_ptr<SMServiceTask> SearchClient::suggestWithKeyword(const std::string& keyword,
+                                                                WordsSink onMain) const {
+    auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kSuggestPath, suggestQuery(keyword, nullptr));
-    fetchJSON(std::move(request),
-              [keyword, onMain = std::move(onMain)](std::optional<json::Value> root,
-                                                    std::optional<net::Error> error) {
-                  if (error) {
-                      logSuggestError(keyword, error->localizedDescription);
-                      return;
-                  }
-                  auto words = readWords(*root, keyword);
-                  dispatch::RunLoop::main().async([onMain, words = std::move(words)] {
-                      if (onMain) {
-                          onMain(words);
-                      }
-                  });
-              });
+    auto transfer = fetchJSON(
+        std::move(request), [task, keyword, onMain = std::move(onMain)](
+                                std::optional<json::Value> root, std::optional<net::Error> error) {
+            Step step(*task);
+            if (!step) {
+                return;
+            }
+            if (error) {
+                logSuggestError(keyword, error->localizedDescription);
+                return;
+            }
+            auto words = readWords(*root, keyword);
+            dispatch::RunLoop::main().async([task, onMain, words = std::move(words)] {
+                Step onMainStep(*task);
+                if (onMainStep && onMain) {
+                    onMain(words);
+                }
+            });
+        });
+    ServiceTaskAccess::attach(*task, std::move(transfer));
+    return task;
 }
 
-void SearchClient::searchKeyword(const std::string& keyword, const SMSearchOptions* options,
-                                 SMSearchResult result) const {
+std::shared_ptr<SMServiceTask> SearchClient::searchKeyword(const std::string& keyword,
+                                                           const SMSearchOptions* options,
+                                                           SMSearchResult result) const {
     // The position kept for the log line is the map's centre unless the options name one,
     // even when no options (and so no position) are sent at all.
     map::Coordinate position{0, 0};
@@ -199,46 +219,45 @@ void SearchClient::searchKeyword(const std::string& keyword, const SMSearchOptio
     } else if (center_) {
         position = center_();
     }
+    auto task = ServiceTaskAccess::create();
     auto request =
         makeRequest(settings_, kSearchPath, optionsSearchQuery(keyword, options, position));
-    fetchJSON(std::move(request),
-              [keyword, position, result = std::move(result)](std::optional<json::Value> root,
-                                                              std::optional<net::Error> error) {
-                  auto block = result;
-                  if (error) {
-                      // The caller hears of the failure before it is logged.
-                      if (block) {
-                          block(std::nullopt, error);
-                      }
-                      logSearchError(keyword, position, error->localizedDescription);
-                      return;
-                  }
-                  auto pins = readPins(*root, keyword, position);
-                  if (block) {
-                      block(std::move(pins), std::nullopt);
-                  }
-              });
+    auto transfer = fetchJSON(
+        std::move(request),
+        resultHandler(
+            task, std::move(result),
+            [keyword, position](const std::string& why) { logSearchError(keyword, position, why); },
+            // The caller hears of a failure before it is logged.
+            FailureLog::AfterBlock,
+            [keyword, position](const json::Value& root, const SMSearchResult& block) {
+                auto pins = readPins(root, keyword, position);
+                if (block) {
+                    block(std::move(pins), std::nullopt);
+                }
+            }));
+    ServiceTaskAccess::attach(*task, std::move(transfer));
+    return task;
 }
 
-void SearchClient::suggestKeyword(const std::string& keyword, const SMSuggestOptions* options,
-                                  SMSuggestResult result) const {
+std::shared_ptr<SMServiceTask> SearchClient::suggestKeyword(const std::string& keyword,
+                                                            const SMSuggestOptions* options,
+                                                            SMSuggestResult result) const {
+    auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kSuggestPath, suggestQuery(keyword, options));
-    fetchJSON(std::move(request),
-              [keyword, result = std::move(result)](std::optional<json::Value> root,
-                                                    std::optional<net::Error> error) {
-                  auto block = result;
-                  if (error) {
-                      if (block) {
-                          block(std::nullopt, error);
-                      }
-                      logSuggestError(keyword, error->localizedDescription);
-                      return;
-                  }
-                  auto words = readWords(*root, keyword);
-                  if (block) {
-                      block(std::move(words), std::nullopt);
-                  }
-              });
+    auto transfer =
+        fetchJSON(std::move(request),
+                  resultHandler(
+                      task, std::move(result),
+                      [keyword](const std::string& why) { logSuggestError(keyword, why); },
+                      FailureLog::AfterBlock,
+                      [keyword](const json::Value& root, const SMSuggestResult& block) {
+                          auto words = readWords(root, keyword);
+                          if (block) {
+                              block(std::move(words), std::nullopt);
+                          }
+                      }));
+    ServiceTaskAccess::attach(*task, std::move(transfer));
+    return task;
 }
 
 }  // namespace sorvan::services

@@ -1,5 +1,8 @@
 #include "services/service_client.hpp"
 
+#include <atomic>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,6 +13,16 @@
 #include "sorvan/platform/foundation/format.hpp"
 
 namespace sorvan::services {
+namespace {
+
+// The largest answer a service call reads: a page of hits or a long route is well under a
+// megabyte, and an answer that never ends must not fill the memory.
+constexpr std::size_t kMaxAnswerBytes = 16 * 1024 * 1024;
+
+// Seconds; 0 leaves the request's own default.
+std::atomic<double> idleTimeoutSeconds{0};
+
+}  // namespace
 
 ServiceSettings ServiceSettings::forView(const std::optional<net::URL>& boxDomain,
                                          std::int64_t language, const std::string& defaultBase) {
@@ -41,38 +54,87 @@ std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std:
     return request;
 }
 
+void setIdleTimeoutForTesting(std::chrono::duration<double> timeout) {
+    idleTimeoutSeconds = timeout.count() > 0 ? timeout.count() : 0.0;
+}
+
 net::Error parseError(const std::string& description) {
     return net::Error{net::Error::Code::CannotParseResponse, description, {}};
 }
 
-void fetchJSON(std::optional<net::URLRequest> request, JSONHandler handler) {
+namespace {
+
+struct Observed {
+    std::mutex mutex;
+    std::shared_ptr<const AnswerObserver> observer;
+};
+
+Observed& observed() {
+    static Observed* o = new Observed();  // answers may arrive during static destruction
+    return *o;
+}
+
+void noteAnswer(const std::optional<net::HTTPURLResponse>& response) {
+    std::shared_ptr<const AnswerObserver> observer;
+    {
+        std::lock_guard lock(observed().mutex);
+        observer = observed().observer;
+    }
+    if (!observer || !response) {
+        return;
+    }
+    AnswerNote note;
+    note.path = response->url.path();
+    note.status = response->statusCode;
+    auto type = response->headers.find("content-type");
+    if (type != response->headers.end()) {
+        note.contentType = type->second;
+    }
+    (*observer)(note);
+}
+
+}  // namespace
+
+void setAnswerObserver(AnswerObserver observer) {
+    auto shared = observer ? std::make_shared<const AnswerObserver>(std::move(observer)) : nullptr;
+    std::lock_guard lock(observed().mutex);
+    observed().observer = std::move(shared);
+}
+
+std::shared_ptr<net::DataTask> fetchJSON(std::optional<net::URLRequest> request,
+                                         JSONHandler handler) {
     auto& session = net::URLSession::shared();
     if (!request) {
         session.delegateQueue().async([handler = std::move(handler)] {
             handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL", {}});
         });
-        return;
+        return nullptr;
+    }
+    request->setMaximumBodySize(kMaxAnswerBytes);
+    if (double idle = idleTimeoutSeconds; idle > 0) {
+        request->setTimeoutInterval(std::chrono::duration<double>(idle));
     }
     // Status codes are not looked at: an error page that is JSON is read like any answer.
-    session.dataTask(
-        *request, [handler = std::move(handler)](const std::optional<net::Data>& data,
-                                                 const std::optional<net::HTTPURLResponse>&,
-                                                 const std::optional<net::Error>& error) {
-            if (error) {
-                handler(std::nullopt, error);
-                return;
-            }
-            std::string_view bytes;
-            if (data) {
-                bytes = std::string_view(reinterpret_cast<const char*>(data->data()), data->size());
-            }
-            auto parsed = json::parse(bytes);
-            if (!parsed.value) {
-                handler(std::nullopt, parseError(parsed.errorDescription));
-                return;
-            }
-            handler(std::move(parsed.value), std::nullopt);
-        });
+    return session.dataTask(*request, [handler = std::move(handler)](
+                                          const std::optional<net::Data>& data,
+                                          const std::optional<net::HTTPURLResponse>& response,
+                                          const std::optional<net::Error>& error) {
+        noteAnswer(response);
+        if (error) {
+            handler(std::nullopt, error);
+            return;
+        }
+        std::string_view bytes;
+        if (data) {
+            bytes = std::string_view(reinterpret_cast<const char*>(data->data()), data->size());
+        }
+        auto parsed = json::parse(bytes);
+        if (!parsed.value) {
+            handler(std::nullopt, parseError(parsed.errorDescription));
+            return;
+        }
+        handler(std::move(parsed.value), std::nullopt);
+    });
 }
 
 }  // namespace sorvan::services

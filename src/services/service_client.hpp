@@ -4,11 +4,14 @@
 //
 // A client is a value holding the settings of one call, captured on the caller's thread (the
 // view's properties are main-queue state, so they are never read again from the session
-// queue). Every call returns at once after starting one GET on net::URLSession::shared().
-// Completion-style results run on the session's delegate queue; delegate-style sinks run on
-// dispatch::RunLoop::main(). Thread-safe: a client may be copied and used from any thread.
+// queue). Every call returns at once after starting one GET on net::URLSession::shared(), with
+// the call's SMServiceTask (dropping it cancels nothing). Completion-style results run on the
+// session's delegate queue; delegate-style sinks run on dispatch::RunLoop::main(). A cancelled
+// call reads nothing, logs nothing and calls nothing. Thread-safe: a client may be copied and
+// used from any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -27,6 +30,7 @@ class SMPinAnnotation;
 class SMSearchOptions;
 class SMSuggestOptions;
 class SMRouteOptions;
+class SMServiceTask;
 }  // namespace sorvan
 
 namespace sorvan::services {
@@ -51,8 +55,25 @@ struct ServiceSettings {
 std::optional<net::URLRequest> makeRequest(const ServiceSettings& settings, std::string_view path,
                                            std::string_view query);
 
+/// How long a service call may receive nothing before it fails with TimedOut: the session's
+/// default (60 s) unless set. Tests shorten it to meet a stalled server; 0 restores the
+/// default. Thread-safe; reaches calls started afterwards.
+void setIdleTimeoutForTesting(std::chrono::duration<double> timeout);
+
 /// The error a result block gets when an answer is no JSON.
 net::Error parseError(const std::string& description);
+
+/// What a service answered, seen from the side: the kit reads every answer alike whatever its
+/// status, and a host that explains a failure (the sorvan tool) wants to name the status.
+struct AnswerNote {
+    std::string path;  // the request's path, e.g. "/mapsearch/json/search"
+    int status = 0;
+    std::string contentType;
+};
+using AnswerObserver = std::function<void(const AnswerNote& note)>;
+/// One process-wide observer (nullptr removes it), called on the session queue for every
+/// answer of a search, suggest or routing request, before the answer is read. Thread-safe.
+void setAnswerObserver(AnswerObserver observer);
 
 using Pins = std::vector<std::shared_ptr<SMPinAnnotation>>;
 using Words = std::vector<std::string>;
@@ -68,14 +89,18 @@ class SearchClient {
     SearchClient(ServiceSettings settings, CenterProvider center);
 
     /// keyword, position, locale and key (no span, offset or limit).
-    void searchWithKeyword(const std::string& keyword, map::Coordinate coordinate,
-                           PinsSink onMain) const;
-    void suggestWithKeyword(const std::string& keyword, WordsSink onMain) const;
+    std::shared_ptr<SMServiceTask> searchWithKeyword(const std::string& keyword,
+                                                     map::Coordinate coordinate,
+                                                     PinsSink onMain) const;
+    std::shared_ptr<SMServiceTask> suggestWithKeyword(const std::string& keyword,
+                                                      WordsSink onMain) const;
     /// options may be null: then no position, span, offset or limit is sent.
-    void searchKeyword(const std::string& keyword, const SMSearchOptions* options,
-                       SMSearchResult result) const;
-    void suggestKeyword(const std::string& keyword, const SMSuggestOptions* options,
-                        SMSuggestResult result) const;
+    std::shared_ptr<SMServiceTask> searchKeyword(const std::string& keyword,
+                                                 const SMSearchOptions* options,
+                                                 SMSearchResult result) const;
+    std::shared_ptr<SMServiceTask> suggestKeyword(const std::string& keyword,
+                                                  const SMSuggestOptions* options,
+                                                  SMSuggestResult result) const;
 
     /// The query texts the calls above send (unencoded).
     std::string searchQuery(const std::string& keyword, map::Coordinate coordinate) const;
@@ -94,11 +119,12 @@ class RouteClient {
 
     /// The guide request, then the path request for the route's id; result runs once, on the
     /// session queue: (route, nullopt), (nullptr, error) or, for a malformed answer,
-    /// (nullptr, nullopt).
-    void routeFrom(map::Coordinate from, map::Coordinate to, const SMRouteOptions* options,
-                   SMRouteResultBlock result) const;
+    /// (nullptr, nullopt). Cancelling the task also ends the path request.
+    std::shared_ptr<SMServiceTask> routeFrom(map::Coordinate from, map::Coordinate to,
+                                             const SMRouteOptions* options,
+                                             SMRouteResultBlock result) const;
     /// One polyline per step of the route; result runs once, on the session queue.
-    void pathFrom(std::int64_t routeId, SMPathResult result) const;
+    std::shared_ptr<SMServiceTask> pathFrom(std::int64_t routeId, SMPathResult result) const;
 
     std::string guideQuery(map::Coordinate from, map::Coordinate to,
                            const SMRouteOptions* options) const;
@@ -107,6 +133,10 @@ class RouteClient {
     static long typeBits(bool allowedTollway, bool allowedFerry);
 
   private:
+    /// The path request as a step of task's call.
+    void requestPath(const std::shared_ptr<SMServiceTask>& task, std::int64_t routeId,
+                     SMPathResult result) const;
+
     ServiceSettings settings_;
 };
 

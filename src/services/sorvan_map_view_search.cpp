@@ -2,6 +2,7 @@
 #include <memory>
 
 #include "SorvanMapSDK/SMSearchDelegate.hpp"
+#include "SorvanMapSDK/SMServiceTask.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "services/service_client.hpp"
@@ -18,31 +19,34 @@ services::SearchClient searchClientOf(SorvanMapView& view) {
 
 }  // namespace
 
-void SorvanMapView::searchWithKeyword(const std::string& keyword, map::Coordinate coordinate) {
-    searchWithKeyword(keyword, coordinate, "20000km", 0, 20);
+std::shared_ptr<SMServiceTask> SorvanMapView::searchWithKeyword(const std::string& keyword,
+                                                                map::Coordinate coordinate) {
+    return searchWithKeyword(keyword, coordinate, "20000km", 0, 20);
 }
 
-void SorvanMapView::searchWithKeyword(const std::string& keyword, map::Coordinate coordinate,
-                                      const std::string& /*span*/, std::int64_t /*offset*/,
-                                      std::int64_t /*limit*/) {
+std::shared_ptr<SMServiceTask> SorvanMapView::searchWithKeyword(const std::string& keyword,
+                                                                map::Coordinate coordinate,
+                                                                const std::string& /*span*/,
+                                                                std::int64_t /*offset*/,
+                                                                std::int64_t /*limit*/) {
     // Span, offset and limit are accepted and never sent: this form has always asked the
     // service for its default page around the coordinate.
     std::weak_ptr<SorvanMapView> weak = weakSelf();
-    searchClientOf(*this).searchWithKeyword(keyword, coordinate,
-                                            [weak](const services::Pins& pins) {
-                                                // The delegate is looked up when the answer
-                                                // arrives, not when the call was made.
-                                                if (auto view = weak.lock()) {
-                                                    if (auto delegate = view->searchDelegate()) {
-                                                        delegate->searchData(pins);
-                                                    }
-                                                }
-                                            });
+    return searchClientOf(*this).searchWithKeyword(
+        keyword, coordinate, [weak](const services::Pins& pins) {
+            // The delegate is looked up when the answer
+            // arrives, not when the call was made.
+            if (auto view = weak.lock()) {
+                if (auto delegate = view->searchDelegate()) {
+                    delegate->searchData(pins);
+                }
+            }
+        });
 }
 
-void SorvanMapView::suggestWithKeyword(const std::string& keyword) {
+std::shared_ptr<SMServiceTask> SorvanMapView::suggestWithKeyword(const std::string& keyword) {
     std::weak_ptr<SorvanMapView> weak = weakSelf();
-    searchClientOf(*this).suggestWithKeyword(keyword, [weak](const services::Words& words) {
+    return searchClientOf(*this).suggestWithKeyword(keyword, [weak](const services::Words& words) {
         if (auto view = weak.lock()) {
             if (auto delegate = view->searchDelegate()) {
                 delegate->suggestData(words);
@@ -51,16 +55,16 @@ void SorvanMapView::suggestWithKeyword(const std::string& keyword) {
     });
 }
 
-void SorvanMapView::searchKeyword(const std::string& keyword,
-                                  const std::shared_ptr<SMSearchOptions>& options,
-                                  SMSearchResult result) {
-    searchClientOf(*this).searchKeyword(keyword, options.get(), std::move(result));
+std::shared_ptr<SMServiceTask> SorvanMapView::searchKeyword(
+    const std::string& keyword, const std::shared_ptr<SMSearchOptions>& options,
+    SMSearchResult result) {
+    return searchClientOf(*this).searchKeyword(keyword, options.get(), std::move(result));
 }
 
-void SorvanMapView::suggestKeyword(const std::string& keyword,
-                                   const std::shared_ptr<SMSuggestOptions>& options,
-                                   SMSuggestResult result) {
-    searchClientOf(*this).suggestKeyword(keyword, options.get(), std::move(result));
+std::shared_ptr<SMServiceTask> SorvanMapView::suggestKeyword(
+    const std::string& keyword, const std::shared_ptr<SMSuggestOptions>& options,
+    SMSuggestResult result) {
+    return searchClientOf(*this).suggestKeyword(keyword, options.get(), std::move(result));
 }
 
 }  // namespace sorvan

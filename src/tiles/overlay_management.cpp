@@ -5,6 +5,7 @@
 
 #include "SorvanMapSDK/SMLayer.hpp"
 #include "SorvanMapSDK/SMTileOverlay.hpp"
+#include "SorvanMapSDK/SMTileOverlayRenderer.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "mapview/globals.hpp"
@@ -69,15 +70,14 @@ void SorvanMapView::addOverlay(const std::shared_ptr<map::Overlay>& overlay) {
     baseAddOverlay(overlay);
 }
 
-// The tag renderer arrives with the tag feature; until then a tile overlay gets the engine's
-// plain tile renderer. Opacity takes effect only here.
+// Every tile overlay gets a renderer that can carry tags. Opacity takes effect only here.
 // Polylines are what hosts draw routes with (a route's steps come as polylines), so they get a
 // route style that stands out from every map picture: a firm blue, slightly see-through so
 // the road names underneath stay readable.
 std::shared_ptr<map::OverlayRenderer> SorvanMapView::rendererForOverlay(
     map::MapView& mapView, const std::shared_ptr<map::Overlay>& overlay) {
     if (auto tile = std::dynamic_pointer_cast<SMTileOverlay>(overlay)) {
-        auto renderer = std::make_shared<map::TileOverlayRenderer>(tile);
+        auto renderer = SMTileOverlayRenderer::create(tile);
         renderer->setAlpha(tile->alpha());
         return renderer;
     }

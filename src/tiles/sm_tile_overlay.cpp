@@ -10,7 +10,6 @@
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "mapview/globals.hpp"
 #include "sorvan/platform/foundation/bundle.hpp"
-#include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/paths.hpp"
@@ -18,6 +17,7 @@
 #include "tiles/tile_address.hpp"
 #include "tiles/tile_cache.hpp"
 #include "tiles/tile_codec.hpp"
+#include "tiles/tile_outcome.hpp"
 
 namespace sorvan {
 namespace {
@@ -127,6 +127,64 @@ class Canvas {
     std::shared_ptr<gfx::Image> image_;
     std::unique_ptr<gfx::ImageContext> context_;
 };
+
+// The report of the tile load running on this thread, when someone listens (tile_outcome.hpp).
+// A thread-local rather than a parameter: loadImageOn and getImageFrom keep their public
+// shapes, and a load without listeners pays one null check per layer.
+struct OutcomeReport {
+    tiles::TileOutcome* outcome = nullptr;
+    std::size_t layer = 0;
+    std::int64_t mode = 0;
+};
+thread_local OutcomeReport currentReport;
+
+class OutcomeScope {
+  public:
+    explicit OutcomeScope(tiles::TileOutcome* outcome) : saved_(currentReport) {
+        currentReport = {outcome, 0, 0};
+    }
+    ~OutcomeScope() { currentReport = saved_; }
+    OutcomeScope(const OutcomeScope&) = delete;
+    OutcomeScope& operator=(const OutcomeScope&) = delete;
+
+  private:
+    OutcomeReport saved_;
+};
+
+void noteLayer(std::size_t layer, std::int64_t mode) {
+    currentReport.layer = layer;
+    currentReport.mode = mode;
+}
+
+void noteFailure(tiles::LayerFailure::Cause cause, std::string detail = {},
+                 const std::optional<net::HTTPURLResponse>& response = std::nullopt,
+                 const std::optional<net::Data>& data = std::nullopt) {
+    if (!currentReport.outcome) {
+        return;
+    }
+    tiles::LayerFailure failure;
+    failure.layer = currentReport.layer;
+    failure.mode = currentReport.mode;
+    failure.cause = cause;
+    failure.detail = std::move(detail);
+    if (response) {
+        failure.status = response->statusCode;
+        auto type = response->headers.find("content-type");
+        if (type != response->headers.end()) {
+            failure.contentType = type->second;
+        }
+    }
+    failure.bytes = data ? data->size() : 0;
+    currentReport.outcome->failures.push_back(std::move(failure));
+}
+
+// Pictures of a tile at screen scales 1 to 3 are drawn as they should be; anything else is
+// stretched over the tile and worth a mention.
+bool isTilePicture(const gfx::Image& image) {
+    int side = image.pixelWidth();
+    return side == image.pixelHeight() &&
+           (side == kTileSide || side == 2 * kTileSide || side == 3 * kTileSide);
+}
 
 }  // namespace
 
@@ -362,10 +420,25 @@ std::optional<std::string> SMTileOverlay::addressOfLayer(std::size_t index,
 
 void SMTileOverlay::loadTileAtPath(const map::TilePath& path, TileResult result) {
     tiles::LayerStack layers = snapshot();
-    std::shared_ptr<gfx::Image> picture = walk(layers, 0, nullptr, path);
+    std::optional<tiles::TileOutcome> outcome;
+    if (tiles::tileOutcomesObserved()) {
+        outcome.emplace();
+        outcome->path = path;
+    }
+    std::shared_ptr<gfx::Image> picture;
+    {
+        OutcomeScope scope(outcome ? &*outcome : nullptr);
+        picture = walk(layers, 0, nullptr, path);
+    }
     std::vector<std::uint8_t> data;
     if (picture) {
         data = picture->pngData(tiles::kComposedTilePNG);
+    }
+    // Reported before the engine hears of the tile, so whoever waits for the map to be drawn
+    // has every outcome once it is.
+    if (outcome) {
+        outcome->picture = !data.empty();
+        tiles::publishTileOutcome(*outcome);
     }
     result(std::move(data), std::nullopt);
 }
@@ -388,7 +461,7 @@ std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers,
                 std::string file = paths::documents() + "/" + tiles::offlineGrayPath(path);
                 std::error_code ignored;
                 if (std::filesystem::exists(file, ignored)) {
-                    canvas.draw(gfx::Image::fromFile(file));
+                    canvas.draw(gfx::Image::fromFile(file, 1.0, tiles::kLayerImageLimits));
                 }
                 continue;
             }
@@ -405,8 +478,11 @@ std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers,
                 break;
         }
 
+        noteLayer(i, m);
         LayerAddress a = addressOf(layers, i, path);
         if (a.kind == LayerAddress::Kind::NoPicture) {
+            noteFailure(tiles::LayerFailure::Cause::NoAddress,
+                        m == 16 ? "no traffic server is configured" : "the layer has none");
             return nullptr;
         }
         if (a.kind == LayerAddress::Kind::Data) {
@@ -416,10 +492,12 @@ std::shared_ptr<gfx::Image> SMTileOverlay::walk(const tiles::LayerStack& layers,
         auto url = net::URL::fromString(a.address);
         if (!url) {
             if (m == 21) {
+                noteFailure(tiles::LayerFailure::Cause::NoAddress, "'" + a.address + "' is no URL");
                 return nullptr;  // a host template that forms no URL: the whole tile is empty
             }
             // A server address spoiled by its key: the request could not even start.
             log::writef("TILE ERROR: %s", "unsupported URL");
+            noteFailure(tiles::LayerFailure::Cause::Transport, "unsupported URL");
             canvas.draw(nullptr);
             continue;
         }
@@ -435,7 +513,9 @@ void SMTileOverlay::fetchData(const tiles::LayerStack& layers, const std::string
         return;
     }
     std::optional<net::Error> error;
-    auto data = sendSynchronousRequest(net::URLRequest(*url), nullptr, &error);
+    net::URLRequest request(*url);
+    request.setMaximumBodySize(tiles::kMaxTileAnswerBytes);
+    auto data = sendSynchronousRequest(request, nullptr, &error);
     if (!error) {
         layers.delegate->dataFromTile(data ? *data : net::Data{});
     }
@@ -453,6 +533,7 @@ std::shared_ptr<gfx::Image> SMTileOverlay::fetchImage(const tiles::LayerStack& l
         }
     }
     net::URLRequest request(url);
+    request.setMaximumBodySize(tiles::kMaxTileAnswerBytes);
     const std::string* r = layers.referer(i);
     if (layers.modes[i] == 21 && layers.referers && !layers.referers->empty()) {
         if (r) {
@@ -481,12 +562,28 @@ std::shared_ptr<gfx::Image> SMTileOverlay::load(const net::URLRequest& request,
         if (error) {
             // A transport failure will not heal by asking again at once.
             log::writef("TILE ERROR: %s", error->localizedDescription.c_str());
+            noteFailure(tiles::LayerFailure::Cause::Transport, error->localizedDescription);
             return nullptr;
         }
         if (response && response->statusCode == 200) {
             std::shared_ptr<gfx::Image> image;
             if (data) {
-                image = gfx::Image::fromData(*data);
+                image = gfx::Image::fromData(*data, 1.0, tiles::kLayerImageLimits);
+            }
+            if (!image) {
+                // An error page sent as 200, a cut or oversized picture: kept, it would
+                // answer every later load of this tile, long after the server healed.
+                net::URLCache::shared().removeCachedResponse(request.url());
+                if (response->url.absoluteString() != request.url().absoluteString()) {
+                    net::URLCache::shared().removeCachedResponse(response->url);
+                }
+            }
+            if (!image) {
+                noteFailure(tiles::LayerFailure::Cause::NotAnImage, {}, response, data);
+            } else if (!isTilePicture(*image)) {
+                noteFailure(tiles::LayerFailure::Cause::WrongSize,
+                            strformat("%d x %d", image->pixelWidth(), image->pixelHeight()),
+                            response, data);
             }
             if (cacheMode != 2) {
                 tiles::TileCache::shared().store(tiles::cacheName(request.url().absoluteString()),
@@ -495,6 +592,7 @@ std::shared_ptr<gfx::Image> SMTileOverlay::load(const net::URLRequest& request,
             return image;
         }
         if (k >= 2) {
+            noteFailure(tiles::LayerFailure::Cause::Status, {}, response, data);
             return nullptr;
         }
     }
@@ -503,35 +601,20 @@ std::shared_ptr<gfx::Image> SMTileOverlay::load(const net::URLRequest& request,
 std::optional<net::Data> SMTileOverlay::sendSynchronousRequest(
     const net::URLRequest& request, std::optional<net::HTTPURLResponse>* response,
     std::optional<net::Error>* error) {
-    // The slot outlives this frame if the completion were ever late; the completion only
-    // touches what it shares.
-    struct Slot {
-        std::optional<net::Data> data;
-        std::optional<net::HTTPURLResponse> response;
-        std::optional<net::Error> error;
-        dispatch::Semaphore done{0};
-    };
-    auto slot = std::make_shared<Slot>();
-    net::URLSession::shared().dataTask(request, [slot](const std::optional<net::Data>& data,
-                                                       const std::optional<net::HTTPURLResponse>& r,
-                                                       const std::optional<net::Error>& e) {
-        slot->response = r;
-        slot->error = e;
-        if (!e) {
-            slot->data = data;
-        }
-        slot->done.signal();
-    });
-    // No time limit here: the request's own 60-second timeout ends a hung transfer as a
-    // transport error, so the wait always ends.
-    slot->done.wait();
+    // The shared session runs the transfer on this tile thread: the answer is not handed from
+    // thread to thread, and the request's own timeout ends a hung transfer as a transport
+    // error, so the call always returns.
+    auto result = net::URLSession::shared().sendSynchronousRequest(request);
     if (response) {
-        *response = std::move(slot->response);
+        *response = std::move(result.response);
     }
     if (error) {
-        *error = std::move(slot->error);
+        *error = std::move(result.error);
     }
-    return std::move(slot->data);
+    if (result.error) {
+        return std::nullopt;
+    }
+    return std::move(result.data);
 }
 
 }  // namespace sorvan

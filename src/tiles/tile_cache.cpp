@@ -1,6 +1,8 @@
 #include "tiles/tile_cache.hpp"
 
-#include <atomic>
+#include <unistd.h>
+
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -19,14 +21,21 @@ namespace {
 // a reader never sees half a tile and two writers of one name never mix their bytes.
 std::optional<std::string> writeTemporary(const std::string& target,
                                           const std::vector<std::uint8_t>& bytes) {
-    static std::atomic<unsigned long> counter{0};
-    std::string temporary = strformat("%s.%lu.tmp", target.c_str(), counter.fetch_add(1));
-    std::FILE* f = std::fopen(temporary.c_str(), "wb");
-    if (!f) {
+    std::string temporary = paths::temporaryPathFor(target);
+    int fd = paths::createPrivateFile(temporary);
+    if (fd < 0) {
         return std::nullopt;
     }
-    bool ok = std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
-    ok = std::fclose(f) == 0 && ok;
+    bool ok = true;
+    for (std::size_t done = 0; ok && done < bytes.size();) {
+        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        ok = n > 0;
+        done += ok ? static_cast<std::size_t>(n) : 0;
+    }
+    ok = ::close(fd) == 0 && ok;
     if (!ok) {
         std::error_code ignored;
         fs::remove(temporary, ignored);
@@ -48,13 +57,18 @@ Defaults& TileCache::defaults() const {
 
 void TileCache::open() {
     std::string dir = paths::caches();
-    std::error_code ignored;
     // The platform the kit was made for always has a caches directory; ours may not exist
     // yet in a fresh home, and without it no tile could ever be cached.
-    fs::create_directories(dir, ignored);
-    fs::create_directory(dir + "/tileCache", ignored);
+    paths::makePrivateDirectory(dir);
+    paths::makePrivateDirectory(dir + "/tileCache");
 
     std::lock_guard lock(mutex_);
+    // Every overlay opens the cache; one look through a directory of ten thousand files per
+    // process is enough.
+    if (swept_ != dir) {
+        paths::removeAbandonedTemporaries(dir + "/tileCache");
+        swept_ = dir;
+    }
     docDir_ = std::move(dir);
     auto stored = defaults().stringArrayForKey(kListKey);
     list_.clear();
@@ -75,7 +89,7 @@ std::string TileCache::filePath(const std::string& name) const {
 }
 
 std::shared_ptr<gfx::Image> TileCache::read(const std::string& name) const {
-    return gfx::Image::fromFile(filePath(name));
+    return gfx::Image::fromFile(filePath(name), 1.0, kLayerImageLimits);
 }
 
 void TileCache::store(const std::string& name, const gfx::Image* image) {
@@ -155,6 +169,7 @@ void TileCache::resetForTesting() {
     docDir_.clear();
     list_.clear();
     mirrored_ = true;
+    swept_.clear();
 }
 
 }  // namespace sorvan::tiles

@@ -37,7 +37,9 @@ class TileCache {
     static TileCache& shared();
 
     /// What an overlay does when it is created: points the cache at the caches directory,
-    /// creates "tileCache" in it and reloads the list from the defaults (or starts it empty).
+    /// creates "tileCache" in it (both private to the user), reloads the list from the
+    /// defaults (or starts it empty) and, the first time in the process, removes the
+    /// temporary files of writers that died before renaming them.
     void open();
 
     /// The caches directory the cache lives in ("" before the first open()).
@@ -77,6 +79,7 @@ class TileCache {
     bool mirrored_ = true;                  // guarded by mutex_: the defaults hold exactly list_
     Defaults* defaultsOverride_ = nullptr;  // guarded by mutex_
     std::chrono::steady_clock::time_point lastSynchronized_;  // guarded by mutex_
+    std::string swept_;  // guarded by mutex_: the directory whose abandoned files are gone
 };
 
 }  // namespace sorvan::tiles

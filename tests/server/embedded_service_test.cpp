@@ -1,10 +1,5 @@
 #include "sorvan/server/embedded_service.hpp"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -15,95 +10,12 @@
 
 #include "http_message.hpp"
 #include "support/service_harness.hpp"
+#include "wire.hpp"
 
 namespace sorvan::server {
 namespace {
 
-// A bare client socket, so the tests see exactly what goes over the wire.
-class Wire {
-  public:
-    explicit Wire(int port) {
-        fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(static_cast<std::uint16_t>(port));
-        if (::connect(fd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            throw std::runtime_error("connect failed");
-        }
-        timeval tv{10, 0};
-        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    }
-    ~Wire() { ::close(fd_); }
-    Wire(const Wire&) = delete;
-    Wire& operator=(const Wire&) = delete;
-
-    void send(std::string_view bytes) {
-        ASSERT_EQ(::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(bytes.size()));
-    }
-    void get(const std::string& target, const std::string& extraHeaders = "") {
-        send("GET " + target + " HTTP/1.1\r\nHost: test\r\n" + extraHeaders + "\r\n");
-    }
-
-    struct Reply {
-        int status = 0;
-        std::map<std::string, std::string> headers;
-        std::string body;
-        bool complete = false;  // the whole Content-Length arrived
-    };
-
-    /// Reads one response; stops early at end of stream.
-    Reply read() {
-        Reply reply;
-        while (buffer_.find("\r\n\r\n") == std::string::npos) {
-            if (!fill()) {
-                return reply;
-            }
-        }
-        auto headEnd = buffer_.find("\r\n\r\n");
-        std::string head = buffer_.substr(0, headEnd);
-        buffer_.erase(0, headEnd + 4);
-        reply.status = std::stoi(head.substr(9, 3));
-        std::size_t pos = head.find("\r\n");
-        while (pos != std::string::npos) {
-            auto next = head.find("\r\n", pos + 2);
-            std::string line = head.substr(
-                pos + 2, next == std::string::npos ? std::string::npos : next - pos - 2);
-            auto colon = line.find(':');
-            std::string name = line.substr(0, colon);
-            for (auto& c : name) {
-                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-            }
-            reply.headers[name] = line.substr(colon + 2);
-            pos = next;
-        }
-        std::size_t length = std::stoul(reply.headers["content-length"]);
-        while (buffer_.size() < length && fill()) {
-        }
-        reply.complete = buffer_.size() >= length;
-        reply.body = buffer_.substr(0, std::min(length, buffer_.size()));
-        buffer_.erase(0, reply.body.size());
-        return reply;
-    }
-
-    /// True when the server closed the connection (nothing more to read).
-    bool closedByPeer() { return buffer_.empty() && !fill(); }
-
-  private:
-    bool fill() {
-        char chunk[4096];
-        ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
-        if (n <= 0) {
-            return false;
-        }
-        buffer_.append(chunk, static_cast<std::size_t>(n));
-        return true;
-    }
-
-    int fd_ = -1;
-    std::string buffer_;
-};
+using test::Wire;
 
 class EmbeddedServiceTest : public sorvan::testing::ServiceTest {
   protected:
@@ -260,31 +172,30 @@ TEST_F(EmbeddedServiceTest, StatusFaultAppliesToTheNextRequestsThenStops) {
     EXPECT_EQ(service().requests("/a").size(), 11u) << "faulted requests are recorded too";
 }
 
-TEST_F(EmbeddedServiceTest, DropClosesWithoutAnAnswer) {
+TEST_F(EmbeddedServiceTest, DropTruncateAndMalformedFaultsSpoilOneAnswerEach) {
+    // A drop closes without an answer, and the request is still recorded.
     service().injectFault("/body", Fault{.count = 1, .dropConnection = true});
-    Wire wire = connect();
-    wire.get("/body");
-    EXPECT_TRUE(wire.closedByPeer());
+    Wire dropped = connect();
+    dropped.get("/body");
+    EXPECT_TRUE(dropped.closedByPeer());
     EXPECT_EQ(service().requests("/body").size(), 1u);
-}
 
-TEST_F(EmbeddedServiceTest, TruncatedBodyPromisesTheFullLengthThenCloses) {
+    // A truncated body promises the full length, then closes.
     service().injectFault("/body", Fault{.count = 1, .truncateBody = true});
-    Wire wire = connect();
-    wire.get("/body");
-    auto reply = wire.read();
+    Wire cut = connect();
+    cut.get("/body");
+    auto reply = cut.read();
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.headers["content-length"], "10");
     EXPECT_FALSE(reply.complete);
     EXPECT_EQ(reply.body, "01234");
-    EXPECT_TRUE(wire.closedByPeer());
-}
+    EXPECT_TRUE(cut.closedByPeer());
 
-TEST_F(EmbeddedServiceTest, MalformedBodyReplacesTheAnswerKeepingItsType) {
+    // A malformed body replaces the answer but keeps its type; the next answer is whole.
     service().injectFault("/a/b", Fault{.count = 1, .malformedBody = true});
     Wire wire = connect();
     wire.get("/a/b");
-    auto reply = wire.read();
+    reply = wire.read();
     EXPECT_EQ(reply.status, 200);
     EXPECT_EQ(reply.headers["content-type"], "application/json; charset=utf-8");
     EXPECT_NE(reply.body, "{\"b\":true}");
@@ -333,62 +244,9 @@ TEST_F(EmbeddedServiceTest, RecordsEveryRequestFromManyClientsAtOnce) {
     EXPECT_EQ(distinct.size(), seen.size());
 }
 
-TEST_F(EmbeddedServiceTest, ServesMoreKeptAliveConnectionsThanItHasWorkers) {
-    // Each connection goes back to waiting after every answer, and is served again whichever
-    // worker takes it; a connection lost on the way would leave its next request unanswered.
-    constexpr int kConnections = 24;
-    auto before = service().acceptedConnections();
-    std::vector<std::unique_ptr<Wire>> wires;
-    for (int c = 0; c < kConnections; ++c) {
-        wires.push_back(std::make_unique<Wire>(service().port()));
-    }
-    for (int round = 0; round < 4; ++round) {
-        for (auto& wire : wires) {
-            wire->get("/a");
-        }
-        for (auto& wire : wires) {
-            ASSERT_EQ(wire->read().body, "a") << "round " << round;
-        }
-    }
-    // Two at once on every connection, read back in order.
-    for (auto& wire : wires) {
-        wire->send("GET /a HTTP/1.1\r\nHost: t\r\n\r\nGET /body HTTP/1.1\r\nHost: t\r\n\r\n");
-    }
-    for (auto& wire : wires) {
-        EXPECT_EQ(wire->read().body, "a");
-        EXPECT_EQ(wire->read().body, "0123456789");
-    }
-    EXPECT_EQ(service().acceptedConnections() - before, static_cast<std::size_t>(kConnections));
-}
-
-TEST(EmbeddedService, DelayHoldsOnlyItsRequestAndStopInterruptsIt) {
-    auto service = std::make_unique<EmbeddedService>();
-    service->injectFault("/a", Fault{.count = -1, .delaySeconds = 600});
-    EXPECT_EQ(service->origin(), "http://127.0.0.1:" + std::to_string(service->port()));
-    Wire idle(service->port());
-    Wire stalled(service->port());
-    stalled.send("GET /a HTTP/1.1\r\n");  // half a head
-    std::thread delayed([port = service->port()] {
-        Wire wire(port);
-        wire.get("/a");
-        EXPECT_TRUE(wire.closedByPeer());
-    });
-    while (service->requests().empty()) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    Wire other(service->port());
-    other.get("/terms");
-    EXPECT_EQ(other.read().status, 200) << "answered while another request is delayed";
-    std::thread waiter([&] { service->wait(); });
-    service->stop();
-    waiter.join();
-    delayed.join();
-    EXPECT_TRUE(idle.closedByPeer());
-    service.reset();  // a second stop from the destructor is harmless
-}
-
-TEST(EmbeddedService, ReportsAPortItCannotBind) {
+TEST(EmbeddedService, NamesItsOriginAndReportsAPortItCannotBind) {
     EmbeddedService first;
+    EXPECT_EQ(first.origin(), "http://127.0.0.1:" + std::to_string(first.port()));
     try {
         EmbeddedService second(first.port());
         FAIL() << "bound a port in use";

@@ -118,8 +118,17 @@ std::shared_ptr<map::OverlayRenderer> RecordingDelegate::rendererForOverlay(
     return makeRenderer ? makeRenderer(overlay) : nullptr;
 }
 
+void RecordingDelegate::regionWillChangeAnimated(map::MapView&, bool animated) {
+    regionWillChanges.push_back(animated);
+}
+
 void RecordingDelegate::regionDidChangeAnimated(map::MapView&, bool animated) {
     regionChanges.push_back(animated);
+}
+
+void RecordingDelegate::calloutTapped(map::MapView&,
+                                      const std::shared_ptr<map::AnnotationView>& view) {
+    calloutTaps.push_back(view);
 }
 
 void RecordingDelegate::didSelectAnnotationView(map::MapView& mapView,

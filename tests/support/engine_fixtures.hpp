@@ -67,7 +67,8 @@ class RecordingDelegate : public map::MapViewDelegate {
         makeView;
     std::function<void(map::MapView&, const std::shared_ptr<map::AnnotationView>&)> onSelect;
 
-    std::vector<bool> regionChanges;
+    std::vector<bool> regionWillChanges, regionChanges;
+    std::vector<std::shared_ptr<map::AnnotationView>> calloutTaps;
     std::vector<const map::Annotation*> viewRequests;
     std::vector<const map::Overlay*> rendererRequests;
     std::vector<std::shared_ptr<map::AnnotationView>> selected, deselected;
@@ -78,7 +79,10 @@ class RecordingDelegate : public map::MapViewDelegate {
         map::MapView& mapView, const std::shared_ptr<map::Annotation>& annotation) override;
     std::shared_ptr<map::OverlayRenderer> rendererForOverlay(
         map::MapView& mapView, const std::shared_ptr<map::Overlay>& overlay) override;
+    void regionWillChangeAnimated(map::MapView& mapView, bool animated) override;
     void regionDidChangeAnimated(map::MapView& mapView, bool animated) override;
+    void calloutTapped(map::MapView& mapView,
+                       const std::shared_ptr<map::AnnotationView>& view) override;
     void didSelectAnnotationView(map::MapView& mapView,
                                  const std::shared_ptr<map::AnnotationView>& view) override;
     void didDeselectAnnotationView(map::MapView& mapView,

@@ -29,6 +29,17 @@ ScopedEnv::~ScopedEnv() {
     }
 }
 
+std::time_t localTime(int year, int month, int day, int hour, int minute) {
+    std::tm local{};
+    local.tm_year = year - 1900;
+    local.tm_mon = month - 1;
+    local.tm_mday = day;
+    local.tm_hour = hour;
+    local.tm_min = minute;
+    local.tm_isdst = -1;
+    return std::mktime(&local);
+}
+
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "sorvan-test-XXXXXX").string();
     std::vector<char> buffer(pattern.begin(), pattern.end());

@@ -3,6 +3,7 @@
 // environment before starting threads.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,9 @@ class ScopedEnv {
     std::string name_;
     std::optional<std::string> previous_;
 };
+
+/// The moment a wall clock in this process's time zone shows the given minute.
+std::time_t localTime(int year, int month, int day, int hour, int minute);
 
 /// A fresh directory under the system's temporary directory, removed with its contents.
 class TempDir {

@@ -19,7 +19,7 @@ std::unique_ptr<server::EmbeddedService>& current() {
 }  // namespace
 
 void ServiceTest::SetUpTestSuite() {
-    current() = std::make_unique<server::EmbeddedService>();
+    current() = std::make_unique<server::EmbeddedService>(recordingService());
 }
 
 void ServiceTest::TearDownTestSuite() {
@@ -86,6 +86,11 @@ FetchResult fetch(net::URLSession& session, const net::URLRequest& request, doub
 
 FetchResult fetch(const net::URL& url) {
     return fetch(net::URLSession::shared(), net::URLRequest(url));
+}
+
+FetchResult fetchBlocking(net::URLSession& session, const net::URLRequest& request) {
+    net::TransferResult t = session.sendSynchronousRequest(request);
+    return FetchResult{t.data, t.response, t.error, true, true, 1};
 }
 
 int closedPort() {

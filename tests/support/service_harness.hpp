@@ -11,10 +11,13 @@
 //   }
 //
 // A fixture that defines its own SetUpTestSuite/TearDownTestSuite/SetUp must call these.
+// The suite's service keeps a request log (the latest kRequestLog requests); a test that starts
+// a service of its own asks for one with recordingService() or ServiceOptions::requestLog.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +26,14 @@
 #include "sorvan/server/embedded_service.hpp"
 
 namespace sorvan::testing {
+
+/// Requests a test's service keeps: far more than any test sends, and bounded all the same.
+inline constexpr std::size_t kRequestLog = 10000;
+
+/// Options for a service of a test's own: an ephemeral port and a request log.
+inline server::ServiceOptions recordingService() {
+    return server::ServiceOptions{.requestLog = kRequestLog};
+}
 
 class ServiceTest : public ::testing::Test {
   protected:
@@ -56,6 +67,9 @@ struct FetchResult {
 FetchResult fetch(net::URLSession& session, const net::URLRequest& request,
                   double timeoutSeconds = 30);
 FetchResult fetch(const net::URL& url);  // shared session, default request
+/// The same request through session's blocking fetch, in the same shape (completed once, and
+/// "on the delegate queue", since the caller waits for it).
+FetchResult fetchBlocking(net::URLSession& session, const net::URLRequest& request);
 
 /// A loopback port nothing listens on (bound, then released).
 int closedPort();

@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -17,18 +19,23 @@
 #include "SorvanMapSDK/SMPinAnnotation.hpp"
 #include "SorvanMapSDK/SMRouteResult.hpp"
 #include "SorvanMapSDK/SMSearchOptions.hpp"
+#include "SorvanMapSDK/SMTagOptions.hpp"
 #include "SorvanMapSDK/ServiceConfig.hpp"
 #include "SorvanMapSDK/SorvanMapView.hpp"
 #include "command.hpp"
 #include "foundation/number_text.hpp"
 #include "geodesy_input.hpp"
+#include "live_annotations.hpp"
 #include "options.hpp"
+#include "output_file.hpp"
 #include "progress.hpp"
+#include "render_user.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/foundation/format.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 #include "sorvan/platform/map/geometry.hpp"
+#include "tile_tally.hpp"
 
 namespace sorvan::cli {
 namespace {
@@ -141,12 +148,30 @@ class LogCollector {
         std::lock_guard lock(mutex_);
         return tileErrors_.size();
     }
+    std::vector<std::string> tagErrors() const {
+        std::lock_guard lock(mutex_);
+        return tagErrors_;
+    }
+    std::vector<std::string> eventErrors() const {
+        std::lock_guard lock(mutex_);
+        return eventErrors_;
+    }
+    std::vector<std::string> cameraErrors() const {
+        std::lock_guard lock(mutex_);
+        return cameraErrors_;
+    }
 
   private:
     void add(log::Level level, std::string_view line) {
         std::lock_guard lock(mutex_);
         if (line.rfind("TILE ERROR: ", 0) == 0) {
             tileErrors_.emplace_back(line);
+        } else if (line.starts_with("showTags Error")) {
+            tagErrors_.emplace_back(line);
+        } else if (line.starts_with("showEvents Error")) {
+            eventErrors_.emplace_back(line);
+        } else if (line.starts_with("showCameras Error")) {
+            cameraErrors_.emplace_back(line);
         }
         if (echo_ && static_cast<int>(level) <= static_cast<int>(shown_)) {
             std::fprintf(stderr, "%.*s\n", static_cast<int>(line.size()), line.data());
@@ -157,7 +182,7 @@ class LogCollector {
     const log::Level shown_;
     log::Sink previous_;
     mutable std::mutex mutex_;
-    std::vector<std::string> tileErrors_;
+    std::vector<std::string> tileErrors_, tagErrors_, eventErrors_, cameraErrors_;
 };
 
 // Tile threads still blocked in a fetch would hold the exit up to the request timeout (60 s);
@@ -305,7 +330,13 @@ struct RenderOptions {
     bool verbose = false;
     std::optional<std::pair<map::Coordinate, map::Coordinate>> route;
     std::string search;
+    std::optional<std::vector<std::string>> tags;
+    std::optional<std::pair<std::int64_t, std::int64_t>> tagRange;
+    std::string tagIcon;
+    bool events = false;
+    bool cameras = false;
     std::string output;
+    UserDrawingOptions user;
     bool toStandardOutput() const { return output == "-"; }
 };
 
@@ -321,7 +352,9 @@ std::string layerModesHelp() {
         "      --layers normal,icons,traffic -o bangkok.png\n"
         "  sorvan render --center 13.74,100.515 --zoom 13 --size 800x600 \\\n"
         "      --layers normal --route 13.7563,100.5018:13.7246,100.5294 \\\n"
-        "      --search temple -o - > route.png";
+        "      --search temple -o - > route.png\n"
+        "  sorvan render --center 13.745,100.515 --zoom 13 --size 800x600 --scale 2 \\\n"
+        "      --layers normal --tags attraction,food --events --cameras -o live.png";
     return out;
 }
 
@@ -400,7 +433,9 @@ void declareOptions(CLI::App& app, const std::shared_ptr<RenderOptions>& o) {
            "pixels per point: 1, 2 or 3 (default 1); the PNG is W*S x H*S pixels")
         ->type_name("S");
     addServiceSettings(app, o->service, "language of map labels (default th)");
-    app.add_flag("--no-cache", o->noCache, "neither read nor write the tile disk cache");
+    app.add_flag(
+        "--no-cache", o->noCache,
+        "no cache at all: neither the tile disk cache nor the URL cache is read or written");
     app.add_option("--wms", o->wms, "add a WMS 1.1.1 layer above the others (URL up to the query)")
         ->type_name("URL");
     addChoice(app, "--wms-format", o->wmsFormat, {"4", "5"},
@@ -439,6 +474,44 @@ void declareOptions(CLI::App& app, const std::shared_ptr<RenderOptions>& o) {
            "put a pin on each hit of a search near the centre (asked of the search\n"
            "service; at most 10 hits)")
         ->type_name("KEYWORD");
+    app.add_option_function<std::string>(
+           "--tags",
+           [o](const std::string& v) {
+               std::vector<std::string> names = split(v, ',');
+               for (const auto& n : names) {
+                   if (n.empty()) {
+                       throw CLI::ValidationError("--tags wants NAME[,NAME...], got '" + v + "'");
+                   }
+               }
+               o->tags = std::move(names);
+           },
+           "draw the clustering service's tags of these names over the map, with their\n"
+           "icons (e.g. temple,food; every drawn tile asks for its clusters)")
+        ->type_name("NAMES");
+    app.add_option_function<std::string>(
+           "--tag-range",
+           [o](const std::string& v) {
+               auto parts = split(v, ',');
+               auto lo = parts.size() == 2 ? text::parseInteger(parts[0], 0, 30) : std::nullopt;
+               auto hi = parts.size() == 2 ? text::parseInteger(parts[1], 0, 30) : std::nullopt;
+               if (!lo || !hi || *hi < *lo) {
+                   throw CLI::ValidationError(
+                       "--tag-range wants LO,HI, zoom levels with 0 <= LO <= HI <= 30, got '" + v +
+                       "'");
+               }
+               o->tagRange = std::pair{*lo, *hi};
+           },
+           "the zoom levels at which tags are asked for (default 1,23)")
+        ->type_name("LO,HI");
+    app.add_option("--tag-icon", o->tagIcon,
+                   "a PNG drawn for every tag instead of the service's icons (its pixels\n"
+                   "at --scale per point)")
+        ->type_name("FILE");
+    app.add_flag("--events", o->events,
+                 "draw the live traffic incidents of the event feed over the map");
+    app.add_flag("--cameras", o->cameras,
+                 "draw the traffic cameras of the camera feed over the map (camera and video\n"
+                 "signs)");
     addInteger(app, "--png-level", o->pngLevel,
                "zlib level of the PNG, 0 to 9 (default 1: fast, about a tenth larger than 6)", 0,
                9);
@@ -458,6 +531,7 @@ void declareOptions(CLI::App& app, const std::shared_ptr<RenderOptions>& o) {
     app.add_flag("--verbose", o->verbose,
                  "print the kit's log lines as they come (info and above unless SORVAN_LOG\n"
                  "says otherwise) and how long each step took");
+    declareUserDrawingOptions(app, o->user);
 }
 
 // What the options leave to check together; nullopt when they make a whole request.
@@ -467,6 +541,12 @@ std::optional<std::string> incomplete(const RenderOptions& o) {
     }
     if (!o.templateFormat.empty() && o.templateURL.empty()) {
         return "--template-format needs --template";
+    }
+    if ((o.tagRange || !o.tagIcon.empty()) && !o.tags) {
+        return std::string(o.tagRange ? "--tag-range" : "--tag-icon") + " needs --tags";
+    }
+    if (auto problem = userDrawingProblem(o.user)) {
+        return problem;
     }
     // A WMS or template layer alone is a map too.
     bool haveLayers = o.layers || !o.wms.empty() || !o.templateURL.empty();
@@ -495,14 +575,21 @@ std::optional<std::string> incomplete(const RenderOptions& o) {
     return std::nullopt;
 }
 
-bool writeOutput(const gfx::Image& image, const RenderOptions& o) {
+// nullopt once the PNG is out, else why not.
+std::optional<std::string> writeOutput(const gfx::Image& image, const RenderOptions& o) {
     gfx::PNGOptions png{static_cast<int>(o.pngLevel), gfx::PNGOptions::Filter::Default};
-    if (!o.toStandardOutput()) {
-        return image.writePNG(o.output, png);
-    }
     std::vector<std::uint8_t> bytes = image.pngData(png);
-    return !bytes.empty() && std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size() &&
-           std::fflush(stdout) == 0;
+    if (bytes.empty()) {
+        return std::string("the picture could not be encoded");
+    }
+    if (!o.toStandardOutput()) {
+        return writeOutputFile(o.output, bytes);
+    }
+    if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size()) {
+        std::clearerr(stdout);
+        return std::string(std::strerror(errno));
+    }
+    return finishStandardOutput();
 }
 
 int render(const RenderOptions& o, const Context& context) {
@@ -511,20 +598,29 @@ int render(const RenderOptions& o, const Context& context) {
     if (auto problem = incomplete(o)) {
         return usageError(name, *problem);
     }
+    std::shared_ptr<SMIcon> tagIcon;
+    if (!o.tagIcon.empty()) {
+        auto picture = gfx::Image::fromFile(o.tagIcon, o.scale);
+        if (!picture) {
+            return usageError(name, "--tag-icon: '" + o.tagIcon + "' is no PNG or JPEG picture");
+        }
+        tagIcon = SMIcon::withImage(picture);
+    }
     bool verbose = o.verbose && !context.quiet;
     const char* chosen = std::getenv("SORVAN_LOG");
     if (verbose && (chosen == nullptr || *chosen == '\0')) {
         log::setLevel(log::Level::info);
     }
     LogCollector logs(verbose, log::level());
+    TileTally tiles;
     const std::string outputName = o.toStandardOutput() ? "standard output" : "'" + o.output + "'";
 
     // The progress line, when shown, is cleared before anything else is printed.
     std::string phase;
     ProgressLine progress(verbose ? Context{name, true} : context, [&](double seconds) {
         std::string status = strformat("%s, %.0f s", phase.c_str(), seconds);
-        if (std::size_t failed = logs.tileErrorCount()) {
-            status += strformat(" (%zu tile request(s) failed)", failed);
+        if (std::size_t failed = tiles.counts().failed) {
+            status += strformat(" (%zu tile(s) failed)", failed);
         }
         return status;
     });
@@ -541,6 +637,10 @@ int render(const RenderOptions& o, const Context& context) {
     view->setScreenScale(o.scale);
     view->setKey(o.service.effectiveKey());
     view->setCache(o.noCache ? 2 : 1);
+    if (o.noCache) {
+        net::URLCache::shared().setMemoryCapacity(0);
+        net::URLCache::shared().setDiskCapacity(0);
+    }
     view->setLanguage(o.service.language());
 
     // The view's zoom is log2(bounds width / visible map width) + 20: set the visible map
@@ -594,10 +694,42 @@ int render(const RenderOptions& o, const Context& context) {
         }
     }
 
-    phase = "waiting for tiles";
+    if (o.tags) {
+        std::shared_ptr<SMTagOptions> options;
+        if (o.tagRange || tagIcon) {
+            options = SMTagOptions::create();
+            if (o.tagRange) {
+                auto [lo, hi] = *o.tagRange;
+                options->setVisibleRange(
+                    {static_cast<std::uint64_t>(lo), static_cast<std::uint64_t>(hi - lo)});
+            }
+            options->setIcon(tagIcon);
+        }
+        // Bound to the topmost layer: every tile it draws asks for its clusters.
+        view->showTags(*o.tags, options);
+    }
+    if (o.events) {
+        view->setShowsEvents(true);
+    }
+    if (o.cameras) {
+        view->setShowsCameras(true);
+    }
+
+    phase = "placing the user";
+    if (auto problem = placeUser(*view, o.user, o.timeout)) {
+        return leave(failure(name, *problem));
+    }
+
+    phase = o.tags || o.events || o.cameras ? "waiting for tiles and live annotations"
+                                            : "waiting for tiles";
     auto drawing = Clock::now();
-    std::shared_ptr<gfx::Image> image = view->render(std::chrono::duration<double>(o.timeout));
+    std::shared_ptr<gfx::Image> image = renderSettled(*view, o.timeout);
     progress.finish();
+    if (verbose && (o.tags || o.events || o.cameras)) {
+        std::fprintf(stderr,
+                     "sorvan render: %zu tag(s), %zu event(s) and %zu camera(s) on the map\n",
+                     tagsOf(*view).size(), eventsOf(*view).size(), camerasOf(*view).size());
+    }
     if (verbose) {
         std::fprintf(stderr, "sorvan render: set up in %.1f ms, drawn in %.1f ms\n",
                      std::chrono::duration<double, std::milli>(drawing - started).count(),
@@ -608,12 +740,26 @@ int render(const RenderOptions& o, const Context& context) {
     }
 
     std::vector<std::string> errors = logs.tileErrors();
+    const TileTally::Counts counts = tiles.counts();
+    const std::string missing =
+        counts.failed == 0
+            ? std::string()
+            : strformat("%zu of %zu tile(s) came out without the picture of a layer; the first: ",
+                        counts.failed, counts.loaded) +
+                  counts.firstFailure;
+    // The legal label alone makes a picture that is not uniform: blank means no tile drew.
+    const bool blank = (counts.loaded > 0 && counts.withPicture == 0) || isUniform(*image);
+    std::vector<std::string> tagErrors = logs.tagErrors();
+    std::vector<std::string> eventErrors = logs.eventErrors();
+    std::vector<std::string> cameraErrors = logs.cameraErrors();
     bool timedOut = millisecondsSince(drawing) >= o.timeout * 1000.0;
     if (!o.partial) {
         std::string origin = ServiceConfig::current().mapServer;
         if (timedOut) {
+            const char* what =
+                liveSettled() ? "tiles were" : "tiles, tags, events, cameras or icons were";
             return leave(failure(
-                name, "tiles were still loading after " + formatSeconds(o.timeout) +
+                name, std::string(what) + " still loading after " + formatSeconds(o.timeout) +
                           " s (map service: " + origin +
                           "; a slow or hung service? raise --timeout, or use --partial to write "
                           "what arrived)"));
@@ -625,7 +771,28 @@ int render(const RenderOptions& o, const Context& context) {
                                      "; set SORVAN_SERVICE_ORIGIN, or use --partial to write "
                                      "the picture anyway)");
         }
-        if (isUniform(*image)) {
+        if (!missing.empty()) {
+            return failure(name, missing + "\n(map service: " + origin +
+                                     "; use --partial to write the picture anyway)");
+        }
+        if (!tagErrors.empty()) {
+            return failure(name,
+                           std::to_string(tagErrors.size()) +
+                               " cluster request(s) failed; the first: " + tagErrors.front() +
+                               "\n(clustering service: " + ServiceConfig::current().clusterService +
+                               "; use --partial to write the picture anyway)");
+        }
+        if (!eventErrors.empty()) {
+            return failure(name, "the event feed failed: " + eventErrors.front() +
+                                     "\n(event feed: " + ServiceConfig::current().eventFeed +
+                                     "; use --partial to write the picture anyway)");
+        }
+        if (!cameraErrors.empty()) {
+            return failure(name, "the camera feed failed: " + cameraErrors.front() +
+                                     "\n(camera feed: " + ServiceConfig::current().cameraFeed +
+                                     "; use --partial to write the picture anyway)");
+        }
+        if (blank) {
             return failure(name,
                            "the map came out blank: no layer answered with a picture "
                            "(map service: " +
@@ -633,13 +800,27 @@ int render(const RenderOptions& o, const Context& context) {
                                "; check SORVAN_SERVICE_ORIGIN, the key and the layer "
                                "modes, or use --partial to write it anyway)");
         }
-    } else if (!errors.empty()) {
-        warn(context, std::to_string(errors.size()) +
-                          " tile request(s) failed; the first: " + errors.front());
+    } else {
+        if (!errors.empty()) {
+            warn(context, std::to_string(errors.size()) +
+                              " tile request(s) failed; the first: " + errors.front());
+        } else if (!missing.empty()) {
+            warn(context, missing);
+        }
+        if (!tagErrors.empty()) {
+            warn(context, std::to_string(tagErrors.size()) +
+                              " cluster request(s) failed; the first: " + tagErrors.front());
+        }
+        if (!eventErrors.empty()) {
+            warn(context, "the event feed failed: " + eventErrors.front());
+        }
+        if (!cameraErrors.empty()) {
+            warn(context, "the camera feed failed: " + cameraErrors.front());
+        }
     }
     auto writing = Clock::now();
-    if (!writeOutput(*image, o)) {
-        return failure(name, "cannot write the PNG to " + outputName);
+    if (auto problem = writeOutput(*image, o)) {
+        return failure(name, "cannot write the PNG to " + outputName + ": " + *problem);
     }
     if (verbose) {
         std::fprintf(stderr, "sorvan render: %s written in %.1f ms\n", outputName.c_str(),
@@ -661,9 +842,11 @@ Runner setupRender(CLI::App& app) {
 }
 
 const Command::Registration registration{
-    {kName, "draw a map headless into a PNG (layers, WMS, templates, traffic)",
-     "tiles failed or timed out, the map came out blank, the route or search failed, or "
-     "the PNG could not be written",
+    {kName,
+     "draw a map headless into a PNG (layers, WMS, templates, traffic, tags, events, cameras)",
+     "a tile failed (no answer, an HTTP status other than 200, an answer that is no "
+     "tile-sized picture) or timed out, cluster requests or the event feed failed, the map "
+     "came out blank, the route or search failed, or the PNG could not be written",
      setupRender}};
 
 }  // namespace

@@ -130,16 +130,15 @@ Runner setupRoute(CLI::App& app) {
             options->setAllowedFerry(!o->noFerry);
         }
         auto view = serviceView(o->service);
+        // A guide that cannot be read is logged as a route error, a path as a path error.
+        CallWatch watch({"route Error", "path Error"});
         auto answer = awaitAnswer<std::shared_ptr<SMRouteResult>>(
             [&](auto block) { view->routeFrom(*o->from, *o->to, options, std::move(block)); });
         if (!answer) {
             return failure(context.name, "no answer from the routing service");
         }
-        if (answer->error) {
-            return failure(context.name, answer->error->localizedDescription);
-        }
-        if (!answer->value) {
-            return failure(context.name, "the routing service gave no usable route");
+        if (auto problem = watch.problem("routing", answer->error, answer->value != nullptr)) {
+            return failure(context.name, *problem);
         }
         printRoute(*answer->value, o->json);
         return kSuccess;
@@ -147,8 +146,7 @@ Runner setupRoute(CLI::App& app) {
 }
 
 const Command::Registration registration{
-    {"route", "route between two positions, step by step",
-     "the routing service failed, gave no answer or no usable route", setupRoute}};
+    {"route", "route between two positions, step by step", kServiceFailures, setupRoute}};
 
 }  // namespace
 }  // namespace sorvan::cli

@@ -102,14 +102,14 @@ Runner setupSearch(CLI::App& app) {
             }
         }
         auto view = serviceView(o->service);
+        CallWatch watch({"searchWithKeyword Error"});
         auto answer = awaitAnswer<std::optional<services::Pins>>(
             [&](auto block) { view->searchKeyword(o->keyword, options, std::move(block)); });
         if (!answer) {
             return failure(context.name, "no answer from the search service");
         }
-        if (answer->error || !answer->value) {
-            return failure(context.name,
-                           answer->error ? answer->error->localizedDescription : "no result");
+        if (auto problem = watch.problem("search", answer->error, answer->value.has_value())) {
+            return failure(context.name, *problem);
         }
         printPins(*answer->value, o->json);
         return kSuccess;
@@ -118,7 +118,7 @@ Runner setupSearch(CLI::App& app) {
 
 const Command::Registration registration{
     {"search", "search places by keyword (Thai or English), near a position if given",
-     "the search service failed or gave no answer", setupSearch}};
+     kServiceFailures, setupSearch}};
 
 }  // namespace
 }  // namespace sorvan::cli

@@ -47,14 +47,14 @@ Runner setupSuggest(CLI::App& app) {
             }
         }
         auto view = serviceView(o->service);
+        CallWatch watch({"suggestWithKeyword Error"});
         auto answer = awaitAnswer<std::optional<services::Words>>(
             [&](auto block) { view->suggestKeyword(o->prefix, options, std::move(block)); });
         if (!answer) {
             return failure(context.name, "no answer from the search service");
         }
-        if (answer->error || !answer->value) {
-            return failure(context.name,
-                           answer->error ? answer->error->localizedDescription : "no result");
+        if (auto problem = watch.problem("search", answer->error, answer->value.has_value())) {
+            return failure(context.name, *problem);
         }
         const auto& words = *answer->value;
         if (o->json) {
@@ -68,9 +68,8 @@ Runner setupSuggest(CLI::App& app) {
     };
 }
 
-const Command::Registration registration{{"suggest", "suggest keywords for a partly typed one",
-                                          "the search service failed or gave no answer",
-                                          setupSuggest}};
+const Command::Registration registration{
+    {"suggest", "suggest keywords for a partly typed one", kServiceFailures, setupSuggest}};
 
 }  // namespace
 }  // namespace sorvan::cli

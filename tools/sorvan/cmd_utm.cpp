@@ -2,6 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -129,6 +130,13 @@ bool convert(std::string_view input, bool withZone, Writer& writer, std::string&
                 return false;
             }
             const map::Coordinate c = geodesy::coordinateFromUTM(scratch.compact);
+            // Eastings and northings far outside a zone read as a text, but give no position.
+            if (!std::isfinite(c.latitude) || !std::isfinite(c.longitude) ||
+                std::abs(c.latitude) > 90) {
+                error = "'" + std::string(input) +
+                        "' is no position on the globe: easting or northing out of range";
+                return false;
+            }
             char latitude[64], longitude[64];
             char* latitudeEnd = std::to_chars(latitude, latitude + sizeof latitude, c.latitude,
                                               std::chars_format::fixed, 6)

@@ -14,6 +14,7 @@
 
 #include "SorvanMapSDK/SorvanMapSDK.hpp"
 #include "command.hpp"
+#include "output_file.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 
 namespace sorvan::cli {
@@ -226,7 +227,7 @@ int runTool(int argc, char** argv) {
         sub->add_flag(
             "-q,--quiet", context.quiet,
             "print nothing on stderr but errors: no log lines of the kit, no progress, no "
-            "warnings, no request log");
+            "warnings, no access log");
         Runner runner = command.setup(*sub);
         std::string own = sub->get_footer();
         sub->footer((own.empty() ? "" : own + "\n\n") + exitStatusHelp(command.failures));
@@ -265,13 +266,20 @@ int runTool(int argc, char** argv) {
         }
         context.name = sub->get_name();
         applyLogLevel(context);
+        int status = kFailure;
         try {
-            return runner(context);
+            status = runner(context);
         } catch (const CLI::ValidationError& e) {
-            return usageError(context.name, e.what());
+            status = usageError(context.name, e.what());
         } catch (const std::exception& e) {
-            return failure(context.name, e.what());
+            status = failure(context.name, e.what());
         }
+        // A full disk or a closed pipe shows only when the buffer is written out.
+        if (auto problem = finishStandardOutput()) {
+            int failed = failure(context.name, "cannot write to standard output: " + *problem);
+            return status == kSuccess ? failed : status;
+        }
+        return status;
     }
     std::fputs(app.help().c_str(), stderr);
     return kUsage;
@@ -287,20 +295,23 @@ const std::vector<Command>& Command::all() {
     return registry();
 }
 
+// Messages quote addresses the user gave or the kit formed; the service key in them stays
+// hidden, as in the kit's own log lines.
 int usageError(const std::string& command, const std::string& message) {
     std::fprintf(stderr, "sorvan %s: %s\n(see `sorvan %s --help`)\n", command.c_str(),
-                 message.c_str(), command.c_str());
+                 log::redacted(message).c_str(), command.c_str());
     return kUsage;
 }
 
 int failure(const std::string& command, const std::string& message) {
-    std::fprintf(stderr, "sorvan %s: %s\n", command.c_str(), message.c_str());
+    std::fprintf(stderr, "sorvan %s: %s\n", command.c_str(), log::redacted(message).c_str());
     return kFailure;
 }
 
 void warn(const Context& context, const std::string& message) {
     if (!context.quiet) {
-        std::fprintf(stderr, "sorvan %s: warning: %s\n", context.name.c_str(), message.c_str());
+        std::fprintf(stderr, "sorvan %s: warning: %s\n", context.name.c_str(),
+                     log::redacted(message).c_str());
     }
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 
+#include "sorvan/platform/foundation/format.hpp"
+
 namespace sorvan::cli {
 
 std::shared_ptr<SorvanMapView> serviceView(const ServiceSettings& settings) {
@@ -11,6 +13,79 @@ std::shared_ptr<SorvanMapView> serviceView(const ServiceSettings& settings) {
     view->setLanguage(settings.language());
     view->setCenterCoordinate(kToolMapCenter);
     return view;
+}
+
+struct CallWatch::State {
+    std::mutex mutex;
+    std::vector<std::string> prefixes;
+    log::Level shown = log::Level::warning;
+    std::vector<int> statuses;
+    std::vector<std::string> failures;
+};
+
+CallWatch::CallWatch(std::vector<std::string> failurePrefixes) : state_(std::make_shared<State>()) {
+    state_->prefixes = std::move(failurePrefixes);
+    state_->shown = log::level();
+    // The failure line must reach the watch whatever the user chose to see.
+    if (static_cast<int>(log::level()) < static_cast<int>(log::Level::error)) {
+        log::setLevel(log::Level::error);
+    }
+    previous_ = log::setSink([state = state_](log::Level level, std::string_view line) {
+        {
+            std::lock_guard lock(state->mutex);
+            for (const auto& prefix : state->prefixes) {
+                if (line.starts_with(prefix)) {
+                    state->failures.emplace_back(line);
+                    break;
+                }
+            }
+        }
+        if (static_cast<int>(level) <= static_cast<int>(state->shown)) {
+            std::string out(line);
+            out.push_back('\n');
+            std::fwrite(out.data(), 1, out.size(), stderr);
+        }
+    });
+    services::setAnswerObserver([state = state_](const services::AnswerNote& note) {
+        std::lock_guard lock(state->mutex);
+        state->statuses.push_back(note.status);
+    });
+}
+
+CallWatch::~CallWatch() {
+    services::setAnswerObserver(nullptr);
+    log::setSink(std::move(previous_));
+    log::setLevel(state_->shown);
+}
+
+std::optional<std::string> CallWatch::problem(const std::string& service,
+                                              const std::optional<net::Error>& error,
+                                              bool delivered) const {
+    std::lock_guard lock(state_->mutex);
+    int badStatus = 0;
+    for (int status : state_->statuses) {
+        if (status != 200) {
+            badStatus = status;
+            break;
+        }
+    }
+    const std::string status = badStatus ? strformat("HTTP status %d", badStatus) : "";
+    if (error) {
+        return error->localizedDescription + (status.empty() ? "" : " (" + status + ")");
+    }
+    if (!status.empty()) {
+        return "the " + service + " service answered with " + status;
+    }
+    if (!state_->failures.empty()) {
+        const std::string& line = state_->failures.front();
+        std::size_t reason = line.find("): ");
+        return "the " + service + " service's answer could not be read" +
+               (reason == std::string::npos ? std::string() : ": " + line.substr(reason + 3));
+    }
+    if (!delivered) {
+        return "the " + service + " service gave no usable answer";
+    }
+    return std::nullopt;
 }
 
 std::size_t displayWidth(const std::string& text) {

@@ -15,6 +15,7 @@
 #include "options.hpp"
 #include "services/service_client.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
+#include "sorvan/platform/foundation/log.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 
 namespace sorvan::cli {
@@ -65,6 +66,37 @@ std::optional<Answer<Value>> awaitAnswer(Start&& start) {
     std::lock_guard lock(state->mutex);
     return state->answer;
 }
+
+/// The one rule by which search, suggest and route fail (their --help says it): no answer in
+/// time, a transport error, an HTTP status other than 200, an answer that is no JSON, or one the
+/// kit could not read through (it writes its failure line and delivers what it gathered, or
+/// nothing). On failure nothing goes to standard output.
+inline constexpr const char* kServiceFailures =
+    "no answer, a transport error, an HTTP status other than 200 (named in the message), or "
+    "an answer that is no JSON or that the kit could not read (its log line says why; what it "
+    "read before the fault is not printed)";
+
+/// Watches a service call from the side while it lives: the status of each answer and the
+/// kit's failure lines that start with one of failurePrefixes ("searchWithKeyword Error"). The
+/// kit's log lines still reach stderr as the chosen level says. One at a time per process.
+class CallWatch {
+  public:
+    explicit CallWatch(std::vector<std::string> failurePrefixes);
+    ~CallWatch();
+    CallWatch(const CallWatch&) = delete;
+    CallWatch& operator=(const CallWatch&) = delete;
+
+    /// nullopt when the call went well; else the message for "sorvan NAME: ...". service names
+    /// it ("search"); error and delivered are what the result block got.
+    std::optional<std::string> problem(const std::string& service,
+                                       const std::optional<net::Error>& error,
+                                       bool delivered) const;
+
+  private:
+    struct State;
+    std::shared_ptr<State> state_;
+    log::Sink previous_;
+};
 
 /// Columns padded by display width (Thai vowel and tone marks take no column).
 class Table {

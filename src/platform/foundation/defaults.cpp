@@ -1,6 +1,8 @@
 #include "sorvan/platform/foundation/defaults.hpp"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -156,8 +158,12 @@ struct Defaults::Impl {
         db.reset();
         isDamagedProblem_ = false;
         if (file != ":memory:") {
-            std::error_code ignored;
-            std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
+            // Private to the user; SQLite gives its journal files the database's mode.
+            paths::makePrivateDirectory(std::filesystem::path(file).parent_path().string());
+            int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+            if (fd >= 0) {
+                ::close(fd);
+            }
         }
         sqlite3* raw = nullptr;
         const int rc = sqlite3_open_v2(

@@ -12,6 +12,37 @@ namespace {
 constexpr std::string_view kNotCorrectFormat =
     "The data couldn't be read because it isn't in the correct format.";
 
+// Service answers nest a few levels. The parser itself keeps its own stack, but dumping,
+// copying and comparing a value recurse once per level on the calling thread's stack, so a
+// document is refused before it can hold more levels than any thread can walk.
+constexpr std::size_t kMaxDepth = 256;
+
+// The offset of the bracket that opens level kMaxDepth + 1, if the text has one. Brackets in
+// strings do not count; text that is no JSON anyway is left to the parser to reject.
+std::optional<std::size_t> tooDeepAt(std::string_view bytes) {
+    std::size_t depth = 0;
+    bool inString = false;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const char c = bytes[i];
+        if (inString) {
+            if (c == '\\') {
+                ++i;
+            } else if (c == '"') {
+                inString = false;
+            }
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > kMaxDepth) {
+                return i;
+            }
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return std::nullopt;
+}
+
 // Only the address of this value matters: it is how a missing member is told apart from a
 // JSON null that the document itself holds.
 const Value& missingValue() {
@@ -53,6 +84,13 @@ std::string kindName(const Value& v) {
 
 [[noreturn]] void wrongKind(std::string_view expected, const Value& found) {
     throw StructureError("expected " + std::string(expected) + ", found " + kindName(found));
+}
+
+[[noreturn]] void wrongMember(std::string_view name, std::string_view expected,
+                              const Value& found) {
+    std::string prefix = name.empty() ? std::string() : std::string(name) + ": ";
+    throw StructureError(prefix + "expected " + std::string(expected) + ", found " +
+                         kindName(found));
 }
 
 // A null the answer holds is an object that has no number to give; only an absent member
@@ -146,30 +184,16 @@ double doubleFromText(std::string_view s) {
     return strtod_l(prefix.c_str(), nullptr, cLocale());
 }
 
-std::optional<std::string> textualForm(const Value& v) {
-    switch (v.type()) {
-        case Value::value_t::string:
-            return v.get_ref<const std::string&>();
-        case Value::value_t::number_integer:
-            return std::to_string(v.get<std::int64_t>());
-        case Value::value_t::number_unsigned:
-            return std::to_string(v.get<std::uint64_t>());
-        case Value::value_t::boolean:
-            return v.get<bool>() ? "1" : "0";
-        case Value::value_t::number_float: {
-            char buffer[64];
-            const auto result = std::to_chars(buffer, buffer + sizeof buffer, v.get<double>());
-            return std::string(buffer, result.ptr);
-        }
-        default:
-            return std::nullopt;
-    }
-}
-
 }  // namespace
 
 ParseResult parse(std::string_view bytes) {
     ParseResult result;
+    if (const auto at = tooDeepAt(bytes)) {
+        result.errorDescription = std::string(kNotCorrectFormat) + " (nested deeper than " +
+                                  std::to_string(kMaxDepth) + " levels at byte " +
+                                  std::to_string(*at + 1) + ")";
+        return result;
+    }
     try {
         Value value = Value::parse(bytes.begin(), bytes.end());
         if (!value.is_object() && !value.is_array()) {
@@ -279,6 +303,40 @@ double doubleValue(const Value& v) {
         default:
             return 0;
     }
+}
+
+std::optional<std::string> textualForm(const Value& v) {
+    switch (v.type()) {
+        case Value::value_t::string:
+            return v.get_ref<const std::string&>();
+        case Value::value_t::number_integer:
+            return std::to_string(v.get<std::int64_t>());
+        case Value::value_t::number_unsigned:
+            return std::to_string(v.get<std::uint64_t>());
+        case Value::value_t::boolean:
+            return v.get<bool>() ? "1" : "0";
+        case Value::value_t::number_float: {
+            char buffer[64];
+            const auto result = std::to_chars(buffer, buffer + sizeof buffer, v.get<double>());
+            return std::string(buffer, result.ptr);
+        }
+        default:
+            return std::nullopt;
+    }
+}
+
+const Value& requireNumeric(const Value& v, std::string_view name) {
+    if (!isMissing(v) && (v.is_null() || v.is_object() || v.is_array())) {
+        wrongMember(name, "a number or a string", v);
+    }
+    return v;
+}
+
+const Value& requireText(const Value& v, std::string_view name) {
+    if (!isMissing(v) && !v.is_string()) {
+        wrongMember(name, "a string", v);
+    }
+    return v;
 }
 
 bool equalAsString(const Value& a, const Value& b) {

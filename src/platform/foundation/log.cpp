@@ -115,11 +115,15 @@ bool enabled(Level l) {
     return l != Level::off && static_cast<int>(l) <= static_cast<int>(level());
 }
 
-void write(Level level, std::string_view line) {
+void write(Level level, std::string_view text) {
     assert(level != Level::off);
     if (!enabled(level) && captureCount.load(std::memory_order_acquire) == 0) {
         return;
     }
+    // Lines quote request addresses, and a service key must not outlive the request in a
+    // terminal, a host's log file or a test's capture.
+    const std::string kept = redacted(text);
+    const std::string_view line = kept;
     Sink sink;
     {
         std::lock_guard lock(state().mutex);
@@ -142,6 +146,39 @@ void write(Level level, std::string_view line) {
     std::string out(line);
     out.push_back('\n');
     std::fwrite(out.data(), 1, out.size(), stderr);
+}
+
+std::string redacted(std::string_view text) {
+    auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    auto isSpace = [](char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; };
+    // A value ends where an address or a quoted text would go on.
+    auto endsValue = [&](char c) {
+        return isSpace(c) || c == '&' || c == '#' || c == '"' || c == '\'' || c == '<' ||
+               c == '>' || c == ';';
+    };
+    std::string out;
+    std::size_t copied = 0;
+    for (std::size_t i = 0; i + 4 <= text.size(); ++i) {
+        if (lower(text[i]) != 'k' || lower(text[i + 1]) != 'e' || lower(text[i + 2]) != 'y' ||
+            text[i + 3] != '=') {
+            continue;
+        }
+        if (i > 0 && text[i - 1] != '?' && text[i - 1] != '&' && !isSpace(text[i - 1])) {
+            continue;  // "monkey=", "turnkey=": another parameter
+        }
+        std::size_t start = i + 4, end = start;
+        while (end < text.size() && !endsValue(text[end])) {
+            ++end;
+        }
+        if (end > start) {
+            out.append(text.substr(copied, start - copied));
+            out.append("***");
+            copied = end;
+        }
+        i = end == start ? i : end - 1;
+    }
+    out.append(text.substr(copied));
+    return out;
 }
 
 void error(const char* format, ...) {

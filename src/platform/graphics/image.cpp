@@ -61,16 +61,13 @@ void pngReadFromMemory(png_structp png, png_bytep out, png_size_t length) {
     r->pos += length;
 }
 
-constexpr png_uint_32 kMaxSide = 1u << 15;
-constexpr std::uint64_t kMaxPixels = 1ull << 28;
-
 // Reads the header and sets the transforms that turn every colour type and depth into
 // 8-bit B,G,R,A (or A,R,G,B on big-endian machines): the byte order of a native uint32 ARGB.
-bool pngReadHeader(PngReader& r) {
+bool pngReadHeader(PngReader& r, png_uint_32 maxSide) {
     if (setjmp(png_jmpbuf(r.png))) {
         return false;
     }
-    png_set_user_limits(r.png, kMaxSide, kMaxSide);
+    png_set_user_limits(r.png, maxSide, maxSide);
     png_set_read_fn(r.png, &r, pngReadFromMemory);
     png_read_info(r.png, r.info);
 
@@ -120,7 +117,8 @@ bool pngReadRows(PngReader& r, png_bytepp rows) {
     return true;
 }
 
-std::shared_ptr<Image> decodePNG(std::span<const std::uint8_t> bytes, double scale) {
+std::shared_ptr<Image> decodePNG(std::span<const std::uint8_t> bytes, double scale,
+                                 const ImageLimits& limits) {
     PngReader r;
     r.data = bytes.data();
     r.size = bytes.size();
@@ -129,10 +127,10 @@ std::shared_ptr<Image> decodePNG(std::span<const std::uint8_t> bytes, double sca
         return nullptr;
     }
     r.info = png_create_info_struct(r.png);
-    if (r.info == nullptr || !pngReadHeader(r)) {
+    if (r.info == nullptr || !pngReadHeader(r, limits.maxSide)) {
         return nullptr;
     }
-    if (r.width == 0 || r.height == 0 || std::uint64_t{r.width} * r.height > kMaxPixels) {
+    if (r.width == 0 || r.height == 0 || std::uint64_t{r.width} * r.height > limits.maxPixels) {
         return nullptr;
     }
     std::vector<std::uint32_t> pixels;
@@ -291,17 +289,18 @@ bool writeAll(int fd, const std::uint8_t* data, std::size_t size) {
 Image::Image(int w, int h, std::vector<std::uint32_t> px, double scale)
     : width_(w), height_(h), scale_(scale), pixels_(std::move(px)) {}
 
-std::shared_ptr<Image> Image::fromData(std::span<const std::uint8_t> bytes, double scale) {
+std::shared_ptr<Image> Image::fromData(std::span<const std::uint8_t> bytes, double scale,
+                                       const ImageLimits& limits) {
     if (!(scale > 0)) {
         scale = 1.0;
     }
     if (looksLikePNG(bytes)) {
-        return decodePNG(bytes, scale);
+        return decodePNG(bytes, scale, limits);
     }
     if (looksLikeJPEG(bytes)) {
         int w = 0, h = 0;
         std::vector<std::uint32_t> pixels;
-        if (!decodeJPEG(bytes, w, h, pixels)) {
+        if (!decodeJPEG(bytes, limits, w, h, pixels)) {
             return nullptr;
         }
         return fromPixels(w, h, std::move(pixels), scale);
@@ -309,7 +308,8 @@ std::shared_ptr<Image> Image::fromData(std::span<const std::uint8_t> bytes, doub
     return nullptr;
 }
 
-std::shared_ptr<Image> Image::fromFile(const std::string& path, double scale) {
+std::shared_ptr<Image> Image::fromFile(const std::string& path, double scale,
+                                       const ImageLimits& limits) {
     std::ifstream in(path, std::ios::binary);
     if (!in) {
         return nullptr;
@@ -320,7 +320,7 @@ std::shared_ptr<Image> Image::fromFile(const std::string& path, double scale) {
     } catch (const std::exception&) {
         return nullptr;
     }
-    return fromData(bytes, scale);
+    return fromData(bytes, scale, limits);
 }
 
 std::shared_ptr<Image> Image::fromPixels(int pixelWidth, int pixelHeight,

@@ -38,10 +38,8 @@ struct JpegReader {
 // grey, as viewers do. They are not worth a line on stderr.
 void jpegOutputMessage(j_common_ptr) {}
 
-constexpr unsigned kMaxSide = 1u << 15;
-constexpr unsigned long long kMaxPixels = 1ull << 28;
-
-bool jpegStart(JpegReader& r, const unsigned char* data, unsigned long size) {
+bool jpegStart(JpegReader& r, const unsigned char* data, unsigned long size,
+               const ImageLimits& limits) {
     if (setjmp(r.jump)) {
         return false;
     }
@@ -58,9 +56,9 @@ bool jpegStart(JpegReader& r, const unsigned char* data, unsigned long size) {
     } else {
         r.cinfo.out_color_space = JCS_EXT_ARGB;
     }
-    if (r.cinfo.image_width == 0 || r.cinfo.image_height == 0 || r.cinfo.image_width > kMaxSide ||
-        r.cinfo.image_height > kMaxSide ||
-        static_cast<unsigned long long>(r.cinfo.image_width) * r.cinfo.image_height > kMaxPixels) {
+    if (r.cinfo.image_width == 0 || r.cinfo.image_height == 0 ||
+        r.cinfo.image_width > limits.maxSide || r.cinfo.image_height > limits.maxSide ||
+        std::uint64_t{r.cinfo.image_width} * r.cinfo.image_height > limits.maxPixels) {
         return false;
     }
     jpeg_start_decompress(&r.cinfo);
@@ -101,14 +99,14 @@ bool jpegReadRows(JpegReader& r, std::uint32_t* pixels) {
 
 }  // namespace
 
-bool decodeJPEG(std::span<const std::uint8_t> bytes, int& width, int& height,
-                std::vector<std::uint32_t>& pixels) {
+bool decodeJPEG(std::span<const std::uint8_t> bytes, const ImageLimits& limits, int& width,
+                int& height, std::vector<std::uint32_t>& pixels) {
     JpegReader r;
     r.cinfo.err = jpeg_std_error(&r.err);
     r.err.error_exit = jpegErrorExit;
     r.err.output_message = jpegOutputMessage;
     r.cinfo.client_data = &r;
-    if (!jpegStart(r, bytes.data(), static_cast<unsigned long>(bytes.size()))) {
+    if (!jpegStart(r, bytes.data(), static_cast<unsigned long>(bytes.size()), limits)) {
         return false;
     }
     std::vector<std::uint32_t> out;

@@ -1,64 +1,32 @@
 #include "sorvan/platform/location/replay_location_source.hpp"
 
-#include <charconv>
-#include <cmath>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
-#include "foundation/number_text.hpp"
+#include "location/track_readers.hpp"
 
 namespace sorvan::location {
 
 namespace {
 
-std::vector<std::string_view> split(std::string_view s, char sep) {
-    std::vector<std::string_view> out;
-    std::size_t start = 0;
-    for (;;) {
-        auto i = s.find(sep, start);
-        out.push_back(s.substr(start, i == std::string_view::npos ? i : i - start));
-        if (i == std::string_view::npos)
-            return out;
-        start = i + 1;
+map::LocationFix fixOf(const Location& l) {
+    map::LocationFix fix;
+    fix.coordinate = l.coordinate;
+    fix.horizontalAccuracy = l.horizontalAccuracy;
+    if (l.course >= 0) {
+        fix.course = l.course;
     }
+    return fix;
 }
 
-std::optional<double> number(std::string_view s) {
-    return text::parseDouble(s);
-}
-
-// ddmm.mmmm (or dddmm.mmmm) with a hemisphere letter.
-std::optional<double> nmeaAngle(std::string_view value, std::string_view hemisphere, double limit) {
-    auto v = number(value);
-    if (!v || *v < 0 || hemisphere.size() != 1)
-        return std::nullopt;
-    double degrees = std::floor(*v / 100);
-    double minutes = *v - degrees * 100;
-    if (minutes >= 60)
-        return std::nullopt;
-    double angle = degrees + minutes / 60;
-    char h = hemisphere[0];
-    if (h == 'S' || h == 'W')
-        angle = -angle;
-    else if (h != 'N' && h != 'E')
-        return std::nullopt;
-    if (std::abs(angle) > limit)
-        return std::nullopt;
-    return angle;
-}
-
-bool checksumOK(std::string_view sentence) {
-    auto star = sentence.find('*');
-    if (star == std::string_view::npos)
-        return true;  // checksums are optional in NMEA
-    unsigned sum = 0;
-    for (char c : sentence.substr(1, star - 1))
-        sum ^= static_cast<unsigned char>(c);
-    auto hex = sentence.substr(star + 1, 2);
-    unsigned given = 0;
-    auto [p, ec] = std::from_chars(hex.data(), hex.data() + hex.size(), given, 16);
-    return ec == std::errc() && p == hex.data() + hex.size() && hex.size() == 2 && given == sum;
+std::vector<map::LocationFix> fixesOf(const std::vector<TrackEvent>& events) {
+    std::vector<map::LocationFix> out;
+    for (const auto& e : events) {
+        if (const Location* l = std::get_if<Location>(&e.report)) {
+            out.push_back(fixOf(*l));
+        }
+    }
+    return out;
 }
 
 }  // namespace
@@ -73,64 +41,25 @@ ReplayLocationSource::~ReplayLocationSource() {
 }
 
 std::vector<map::LocationFix> ReplayLocationSource::parseNMEA(std::string_view text) {
-    std::vector<map::LocationFix> out;
-    for (std::string_view line : split(text, '\n')) {
-        while (!line.empty() && (line.back() == '\r' || line.back() == ' '))
-            line.remove_suffix(1);
-        if (line.size() < 7 || line[0] != '$' || !checksumOK(line))
-            continue;
-        auto body = line.substr(1, line.find('*') == std::string_view::npos ? std::string_view::npos
-                                                                            : line.find('*') - 1);
-        auto f = split(body, ',');
-        std::string_view type = f[0].size() >= 5 ? f[0].substr(f[0].size() - 3) : "";
-        map::LocationFix fix;
-        if (type == "RMC" && f.size() >= 9) {
-            if (f[2] != "A")
-                continue;  // void: the receiver had no fix
-            auto lat = nmeaAngle(f[3], f[4], 90), lon = nmeaAngle(f[5], f[6], 180);
-            if (!lat || !lon)
-                continue;
-            fix.coordinate = {*lat, *lon};
-            if (auto course = number(f[8]))
-                fix.course = *course;
-        } else if (type == "GGA" && f.size() >= 9) {
-            if (f[6].empty() || f[6] == "0")
-                continue;  // quality 0: no fix
-            auto lat = nmeaAngle(f[2], f[3], 90), lon = nmeaAngle(f[4], f[5], 180);
-            if (!lat || !lon)
-                continue;
-            fix.coordinate = {*lat, *lon};
-            // Horizontal dilution times a typical receiver error, as a rough accuracy.
-            if (auto hdop = number(f[8]))
-                fix.horizontalAccuracy = std::max(1.0, *hdop * 5);
-        } else {
-            continue;
+    NmeaReader reader(std::chrono::floor<std::chrono::days>(std::chrono::system_clock::now()));
+    std::vector<TrackEvent> events;
+    std::size_t start = 0;
+    while (start < text.size()) {
+        auto end = text.find('\n', start);
+        reader.feed(text.substr(start, end == std::string_view::npos ? end : end - start), events);
+        if (end == std::string_view::npos) {
+            break;
         }
-        out.push_back(fix);
+        start = end + 1;
     }
-    return out;
+    reader.finish(events);
+    return fixesOf(events);
 }
 
 std::vector<map::LocationFix> ReplayLocationSource::parseGPX(std::string_view text) {
-    std::vector<map::LocationFix> out;
-    static const std::regex point(R"(<(?:trkpt|rtept|wpt)\b([^>]*)>)");
-    static const std::regex lat(R"(\blat\s*=\s*["']([^"']*)["'])");
-    static const std::regex lon(R"(\blon\s*=\s*["']([^"']*)["'])");
-    std::string s(text);
-    for (auto it = std::sregex_iterator(s.begin(), s.end(), point); it != std::sregex_iterator();
-         ++it) {
-        std::string attrs = (*it)[1];
-        std::smatch a, o;
-        if (!std::regex_search(attrs, a, lat) || !std::regex_search(attrs, o, lon))
-            continue;
-        auto la = number(a[1].str()), lo = number(o[1].str());
-        if (!la || !lo || std::abs(*la) > 90 || std::abs(*lo) > 180)
-            continue;
-        map::LocationFix fix;
-        fix.coordinate = {*la, *lo};
-        out.push_back(fix);
-    }
-    return out;
+    std::string error;
+    std::vector<std::string> problems;
+    return fixesOf(readGPX(text, std::chrono::system_clock::now(), error, problems));
 }
 
 std::shared_ptr<ReplayLocationSource> ReplayLocationSource::fromFile(const std::string& path,
@@ -145,7 +74,8 @@ std::shared_ptr<ReplayLocationSource> ReplayLocationSource::fromFile(const std::
     std::stringstream buffer;
     buffer << in.rdbuf();
     std::string text = buffer.str();
-    bool gpx = text.find("<gpx") != std::string::npos;
+    auto first = text.find_first_not_of(" \t\r\n\xEF\xBB\xBF");
+    bool gpx = first != std::string::npos && text[first] == '<';
     auto fixes = gpx ? parseGPX(text) : parseNMEA(text);
     if (fixes.empty()) {
         if (error)

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <typeinfo>
 #include <utility>
 
@@ -13,20 +14,35 @@ namespace sorvan::map::detail {
 
 namespace {
 
-// The views' parent: it routes their needs-display requests to the host.
+// The views' parent: it routes their needs-display requests to the host, and notes that the
+// kept picture of the views is out of date unless the request comes from the layer moving a
+// view onto its point (the picture is kept for exactly those moves).
 class Container : public ui::View {
   public:
-    explicit Container(AnnotationLayer::Host& host) : host_(host) {}
-    void setNeedsDisplay() override { host_.annotationsNeedDisplay(); }
+    Container(AnnotationLayer::Host& host, std::uint64_t& content, const bool& placing)
+        : host_(host), content_(content), placing_(placing) {}
+    void setNeedsDisplay() override {
+        if (!placing_)
+            ++content_;
+        host_.annotationsNeedDisplay();
+    }
 
   private:
     AnnotationLayer::Host& host_;
+    std::uint64_t& content_;
+    const bool& placing_;
 };
+
+bool wholePixel(double v) {
+    return std::abs(v - std::round(v)) <= 1e-6;
+}
 
 }  // namespace
 
 AnnotationLayer::AnnotationLayer(Host& host, std::shared_ptr<UserLocation> user)
-    : host_(host), user_(std::move(user)), container_(std::make_shared<Container>(host)) {
+    : host_(host),
+      user_(std::move(user)),
+      container_(std::make_shared<Container>(host, content_, placing_)) {
     userEntry_.annotation = user_;
 }
 
@@ -60,6 +76,7 @@ bool AnnotationLayer::add(const std::shared_ptr<Annotation>& annotation) {
         return false;
     index_.emplace(annotation.get(), entries_.size());
     entries_.push_back({annotation, nullptr, {NAN, NAN}, {}});
+    ++content_;
     host_.annotationsNeedDisplay();
     return true;
 }
@@ -83,6 +100,7 @@ bool AnnotationLayer::remove(const std::shared_ptr<Annotation>& annotation) {
     if (selected_.lock() == annotation)
         selected_.reset();
     compact();
+    ++content_;
     host_.annotationsNeedDisplay();
     return true;
 }
@@ -117,6 +135,7 @@ void AnnotationLayer::setShowsUserLocation(bool shows) {
     if (shows == showsUser_)
         return;
     showsUser_ = shows;
+    ++content_;
     if (!shows && userEntry_.view) {
         auto view = std::move(userEntry_.view);
         view->removeFromSuperview();
@@ -144,6 +163,7 @@ MapPoint AnnotationLayer::pointOf(Entry& e) {
     if (!(c == e.coordinate)) {
         e.coordinate = c;
         e.point = mapPointForCoordinate(c);
+        ++content_;
     }
     return e.point;
 }
@@ -172,6 +192,7 @@ std::shared_ptr<AnnotationView> AnnotationLayer::makeView(
             view = std::make_shared<PinAnnotationView>(annotation);
     }
     entry->view = view;
+    ++content_;
     container_->addSubview(view);
     if (auto pin = std::dynamic_pointer_cast<PinAnnotationView>(view); pin && pin->animatesDrop()) {
         gfx::AffineTransform above;
@@ -202,7 +223,14 @@ bool AnnotationLayer::isAnimating() const {
 
 // A frame ------------------------------------------------------------------------------------
 
+void AnnotationLayer::setFrameOnPoint(AnnotationView& view, gfx::Rect frame) {
+    placing_ = true;
+    view.setFrame(frame);
+    placing_ = false;
+}
+
 void AnnotationLayer::place(const Viewport& viewport) {
+    placedFor_ = viewport;
     placed_.clear();
     Projection project = viewport.projection();
     double width = viewport.width(), height = viewport.height();
@@ -226,7 +254,7 @@ void AnnotationLayer::place(const Viewport& viewport) {
         if (f.maxX() + reach < 0 || f.maxY() + reach < 0 || f.minX() - reach > width ||
             f.minY() - reach > height)
             return;
-        v->setFrame(f);
+        setFrameOnPoint(*v, f);
         double z = v->zPosition();
         if (!placed_.empty() && z < placed_.back().z)
             sorted = false;
@@ -238,32 +266,149 @@ void AnnotationLayer::place(const Viewport& viewport) {
         });
 }
 
+void AnnotationLayer::drawView(cairo_t* context, const cairo_matrix_t& base, DirectBlitter& blitter,
+                               AnnotationView& view, bool& moved) {
+    if (paintPlainImageView(context, base, blitter, view)) {
+        moved = moved || !blitter.usable();
+        return;
+    }
+    blitter.yield();
+    if (moved)
+        cairo_set_matrix(context, &base);
+    moved = false;
+    view.drawHierarchy(context);
+}
+
 void AnnotationLayer::draw(cairo_t* context) {
     ++frame_;
     cairo_matrix_t base;
     cairo_get_matrix(context, &base);
     DirectBlitter blitter(context);
-    bool moved = false;  // the cairo fast path leaves device space in the context
-    for (auto& p : placed_) {
-        if (p.view->isHidden())
-            continue;
-        if (paintPlainImageView(context, base, blitter, *p.view)) {
-            moved = moved || !blitter.usable();
-            continue;
+    if (panPictureUsable(base, blitter)) {
+        int dx = 0, dy = 0;
+        if (!panOffset(dx, dy) || pan_.content != content_ ||
+            std::memcmp(&pan_.base, &base, sizeof base) != 0) {
+            drawPanPicture(base);
+            dx = dy = 0;
+        }
+        int x0 = static_cast<int>(std::lround(base.x0)) - kPanMargin + dx;
+        int y0 = static_cast<int>(std::lround(base.y0)) - kPanMargin + dy;
+        blitter.over(pan_.image.get(), 0, 0, x0, y0, pan_.width, pan_.height);
+    } else {
+        pan_.valid = false;
+        bool moved = false;  // the cairo fast path leaves device space in the context
+        for (auto& p : placed_) {
+            if (!p.view->isHidden())
+                drawView(context, base, blitter, *p.view, moved);
         }
         blitter.yield();
         if (moved)
             cairo_set_matrix(context, &base);
-        moved = false;
-        p.view->drawHierarchy(context);
     }
     blitter.yield();
-    if (moved)
-        cairo_set_matrix(context, &base);
+    if (AnnotationView* v = calloutView())
+        callout_.draw(context, calloutTip(*v));
     placed_.clear();
     // Surfaces of images no view showed this frame go; there are few images and many views.
     if (surfaces_.size() > 64)
         std::erase_if(surfaces_, [this](const auto& kv) { return kv.second.lastFrame != frame_; });
+}
+
+bool AnnotationLayer::panPictureUsable(const cairo_matrix_t& base,
+                                       const DirectBlitter& blitter) const {
+    // A turned map, moving views or a target that takes no straight blend draw view by view;
+    // so do a few views, which cost less than one blend of the whole frame.
+    double scale = placedFor_.scale();
+    return placed_.size() >= kPanPictureMinViews && blitter.usable() &&
+           placedFor_.camera().heading == 0 && !isAnimating() && base.xy == 0 && base.yx == 0 &&
+           base.xx == scale && base.yy == scale && wholePixel(base.x0) && wholePixel(base.y0);
+}
+
+bool AnnotationLayer::panOffset(int& dx, int& dy) const {
+    const Camera& now = placedFor_.camera();
+    const Camera& then = pan_.camera;
+    if (!pan_.valid || now.zoom != then.zoom || now.heading != then.heading ||
+        !(placedFor_.size() == pan_.size) || placedFor_.scale() != pan_.scale)
+        return false;
+    double k = now.zoom * pan_.scale;
+    double wx = then.center.x - now.center.x;
+    if (wx > kMapWorldSize / 2 || wx < -kMapWorldSize / 2)
+        wx -= std::round(wx / kMapWorldSize) * kMapWorldSize;
+    double px = wx * k, py = (then.center.y - now.center.y) * k;
+    // Only a move by whole device pixels keeps every view on the pixel it was drawn on.
+    if (!wholePixel(px) || !wholePixel(py) || std::abs(px) > kPanMargin ||
+        std::abs(py) > kPanMargin)
+        return false;
+    dx = static_cast<int>(std::lround(px));
+    dy = static_cast<int>(std::lround(py));
+    return true;
+}
+
+void AnnotationLayer::drawPanPicture(const cairo_matrix_t& base) {
+    const double scale = placedFor_.scale();
+    const int width = static_cast<int>(std::ceil(placedFor_.width() * scale)) + 2 * kPanMargin;
+    const int height = static_cast<int>(std::ceil(placedFor_.height() * scale)) + 2 * kPanMargin;
+    if (pan_.width != width || pan_.height != height || !pan_.image) {
+        pan_.pixels.assign(static_cast<std::size_t>(width) * static_cast<std::size_t>(height), 0);
+        pan_.image = pixmanImageOver(pan_.pixels.data(), width, height);
+        pan_.width = width;
+        pan_.height = height;
+    } else {
+        std::fill(pan_.pixels.begin(), pan_.pixels.end(), 0u);
+    }
+
+    // Every view that shows within the picture, placed as place() places them, in draw order.
+    const double margin = kPanMargin / scale;
+    const double right = placedFor_.width() + margin, bottom = placedFor_.height() + margin;
+    Projection project = placedFor_.projection();
+    std::vector<Placed> inPicture;
+    std::size_t order = 0;
+    forEachEntry([&](Entry& e) {
+        ++order;
+        AnnotationView* v = e.view.get();
+        if (!v || v->isHidden())
+            return;
+        gfx::Point p = project(pointOf(e));
+        gfx::Size s = v->frame().size;
+        gfx::Point o = v->centerOffset();
+        gfx::Rect f{{std::round((p.x + o.x - s.width / 2) * scale) / scale,
+                     std::round((p.y + o.y - s.height / 2) * scale) / scale},
+                    s};
+        double reach = std::max(s.width, s.height);
+        if (f.maxX() + reach < -margin || f.maxY() + reach < -margin || f.minX() - reach > right ||
+            f.minY() - reach > bottom)
+            return;
+        setFrameOnPoint(*v, f);
+        inPicture.push_back({e.view, v->zPosition(), order});
+    });
+    std::stable_sort(inPicture.begin(), inPicture.end(), [](const Placed& a, const Placed& b) {
+        return a.z < b.z || (a.z == b.z && a.order < b.order);
+    });
+
+    gfx::SurfacePtr surface(
+        cairo_image_surface_create_for_data(reinterpret_cast<unsigned char*>(pan_.pixels.data()),
+                                            CAIRO_FORMAT_ARGB32, width, height, width * 4));
+    gfx::ContextPtr cr(cairo_create(surface.get()));
+    cairo_matrix_t pictureBase;
+    cairo_matrix_init(&pictureBase, scale, 0, 0, scale, kPanMargin, kPanMargin);
+    cairo_set_matrix(cr.get(), &pictureBase);
+    cairo_rectangle(cr.get(), -margin, -margin, width / scale, height / scale);
+    cairo_clip(cr.get());
+    {
+        DirectBlitter blitter(cr.get());
+        bool moved = false;
+        for (auto& p : inPicture)
+            drawView(cr.get(), pictureBase, blitter, *p.view, moved);
+        blitter.yield();
+    }
+    cairo_surface_flush(surface.get());
+
+    pan_.camera = placedFor_.camera();
+    pan_.size = placedFor_.size();
+    pan_.scale = scale;
+    pan_.base = base;
+    pan_.content = content_;
+    pan_.valid = true;
 }
 
 const AnnotationLayer::ImageSurface* AnnotationLayer::surfaceFor(
@@ -301,10 +446,12 @@ const AnnotationLayer::ImageSurface* AnnotationLayer::surfaceFor(
 bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& base,
                                           DirectBlitter& blitter, AnnotationView& v) {
     // Only a view that draws exactly as the base class does, with nothing that needs the full
-    // draw: no subclass drawing, subviews, background, transform or translucency.
-    if (typeid(v) != typeid(AnnotationView) || !v.subviews().empty() || v.alpha() != 1.0 ||
+    // draw: no subclass drawing, subviews, background or transform. Its opacity is a fade of
+    // its one picture (an opacity above 1 draws as 1, as the full draw does).
+    if (typeid(v) != typeid(AnnotationView) || !v.subviews().empty() || !(v.alpha() > 0) ||
         v.backgroundColor().a > 0)
         return false;
+    double alpha = std::min(v.alpha(), 1.0);
     auto image = v.image();
     if (!image || image->pixelWidth() <= 0 || image->pixelHeight() <= 0)
         return false;
@@ -330,7 +477,7 @@ bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& bas
         return true;  // nothing shows
     if (blitter.usable()) {
         blitter.over(s->pixels.get(), s->inkX, s->inkY, static_cast<int>(x0) + s->inkX,
-                     static_cast<int>(y0) + s->inkY, s->inkWidth, s->inkHeight);
+                     static_cast<int>(y0) + s->inkY, s->inkWidth, s->inkHeight, alpha);
         return true;
     }
     cairo_matrix_t device;
@@ -338,8 +485,46 @@ bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& bas
     cairo_set_matrix(cr, &device);
     cairo_set_source_surface(cr, s->surface.get(), 0, 0);
     cairo_rectangle(cr, s->inkX, s->inkY, s->inkWidth, s->inkHeight);
-    cairo_fill(cr);
+    if (alpha < 1) {
+        cairo_save(cr);
+        cairo_clip(cr);
+        cairo_paint_with_alpha(cr, alpha);
+        cairo_restore(cr);
+    } else {
+        cairo_fill(cr);
+    }
     return true;
+}
+
+gfx::Point AnnotationLayer::calloutTip(const AnnotationView& view) {
+    gfx::Rect f = view.frame();
+    return {f.midX(), f.minY()};
+}
+
+AnnotationView* AnnotationLayer::calloutView() {
+    auto selected = selected_.lock();
+    auto view = selected ? viewFor(selected.get()) : nullptr;
+    if (!view || !view->canShowCallout())
+        return nullptr;
+    for (auto& p : placed_) {
+        AnnotationView* v = p.view.get();
+        if (v != view.get())
+            continue;
+        if (!(v->alpha() > 0.01))
+            return nullptr;
+        callout_.setText(v->calloutTitle().value_or(""), v->calloutSubtitle().value_or(""));
+        return callout_.isEmpty() ? nullptr : v;
+    }
+    return nullptr;
+}
+
+std::shared_ptr<AnnotationView> AnnotationLayer::calloutHitTest(gfx::Point point) {
+    AnnotationView* v = calloutView();
+    if (!v || !callout_.contains(point, calloutTip(*v)))
+        return nullptr;
+    auto hit = std::static_pointer_cast<AnnotationView>(v->shared_from_this());
+    placed_.clear();
+    return hit;
 }
 
 std::shared_ptr<AnnotationView> AnnotationLayer::hitTest(gfx::Point point) {

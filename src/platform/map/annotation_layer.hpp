@@ -11,6 +11,18 @@
 // is painted as a straight blend of its pixels (only the part that shows), directly onto the
 // frame's pixels where the target allows it.
 //
+// Panning: the views as drawn are kept in a picture of the viewport and a margin around it.
+// While nothing about the views changes (no view asks to be redrawn, no annotation moves,
+// comes or goes, nothing animates) and the camera only moves by whole device pixels within the
+// margin, a frame blends that picture instead of every view, so thousands of icons cost about
+// one blend of the frame. Any other frame draws the views (into a new picture when it can). A
+// frame with fewer than kPanPictureMinViews views near the screen draws them one by one: that
+// is cheaper than the blend, and a map without annotations keeps no picture at all.
+//
+// The selected view, when it can show a callout, gets a bubble with its callout text above
+// it, drawn over every view (never into the kept picture, so a selection costs no redraw of
+// the picture).
+//
 // Main queue only. The host is called synchronously and may add or remove annotations (or
 // select and deselect) from inside its calls.
 #pragma once
@@ -23,6 +35,7 @@
 #include <vector>
 
 #include "graphics/cairo_handles.hpp"
+#include "map/callout.hpp"
 #include "map/direct_blitter.hpp"
 #include "map/viewport.hpp"
 #include "sorvan/platform/graphics/image.hpp"
@@ -47,6 +60,8 @@ class AnnotationLayer {
         virtual void didDeselectAnnotationView(const std::shared_ptr<AnnotationView>& view) = 0;
         /// A view or the list changed in a way that shows.
         virtual void annotationsNeedDisplay() = 0;
+        /// A tap on the selected view's callout bubble.
+        virtual void calloutTapped(const std::shared_ptr<AnnotationView>& /*view*/) {}
     };
 
     /// Views made beyond the bounds by this many points, so that they are ready when a pan
@@ -90,8 +105,17 @@ class AnnotationLayer {
     /// Puts the shown views near the screen on their points (centre offset applied) and
     /// orders them for drawing and hit testing. Views far off screen keep their last frame.
     void place(const Viewport& viewport);
-    /// Draws the placed views, bottom first, in the map view's space, and lets them go.
+    /// Draws the placed views, bottom first, in the map view's space, and lets them go: from
+    /// the kept picture of the views when the frame is a pan of the last one, else view by
+    /// view.
     void draw(cairo_t* context);
+    /// The device pixels of margin the kept picture has around the viewport.
+    static constexpr int kPanMargin = 256;
+    /// The fewest views near the screen for which a frame uses the kept picture.
+    static constexpr std::size_t kPanPictureMinViews = 100;
+    /// The selected view when a tap at point lands on its callout bubble (as the placed views
+    /// show it), else null. On a miss the placed views are kept for hitTest.
+    std::shared_ptr<AnnotationView> calloutHitTest(gfx::Point point);
     /// The topmost placed view under a point (hidden and nearly transparent views do not
     /// count), or null; lets the placed views go.
     std::shared_ptr<AnnotationView> hitTest(gfx::Point point);
@@ -127,7 +151,32 @@ class AnnotationLayer {
         std::uint64_t lastFrame = 0;
     };
 
+    // The views as drawn for one camera, with kPanMargin device pixels around the viewport.
+    struct PanPicture {
+        std::vector<std::uint32_t> pixels;
+        PixmanImage image;
+        int width = 0, height = 0;
+        Camera camera;
+        gfx::Size size;
+        double scale = 0;
+        cairo_matrix_t base{};
+        std::uint64_t content = 0;
+        bool valid = false;
+    };
+
+    // The selected view among the placed ones when it shows a callout, its text laid out.
+    AnnotationView* calloutView();
+    static gfx::Point calloutTip(const AnnotationView& view);
     Entry* entryFor(const Annotation* annotation);
+    // Moves a view to where its annotation shows, without counting that as a change of what
+    // the views show.
+    void setFrameOnPoint(AnnotationView& view, gfx::Rect frame);
+    // Whether this frame may use (or make) the kept picture, and the pan since it was drawn.
+    bool panPictureUsable(const cairo_matrix_t& base, const DirectBlitter& blitter) const;
+    bool panOffset(int& dx, int& dy) const;
+    void drawPanPicture(const cairo_matrix_t& base);
+    void drawView(cairo_t* context, const cairo_matrix_t& base, DirectBlitter& blitter,
+                  AnnotationView& view, bool& moved);
     // Paints a plain image view as a pixel copy; false when it needs its full draw.
     bool paintPlainImageView(cairo_t* context, const cairo_matrix_t& base, DirectBlitter& blitter,
                              AnnotationView& view);
@@ -153,6 +202,13 @@ class AnnotationLayer {
     std::vector<Placed> placed_;  // this frame's views near the screen, bottom first
     std::unordered_map<const gfx::Image*, ImageSurface> surfaces_;
     std::uint64_t frame_ = 0;
+    // Bumped whenever what the views show may have changed: a view asked to be redrawn, an
+    // annotation moved, came or went.
+    std::uint64_t content_ = 1;
+    bool placing_ = false;  // a view is being moved onto its point
+    Viewport placedFor_;    // the viewport of the last place()
+    PanPicture pan_;
+    Callout callout_;
 };
 
 }  // namespace sorvan::map::detail

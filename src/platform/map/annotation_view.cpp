@@ -28,6 +28,30 @@ void AnnotationView::draw(cairo_t* context, gfx::Rect bounds) {
                            bounds.size.height);
 }
 
+std::optional<std::string> AnnotationView::calloutTitle() const {
+    if (calloutTitle_)
+        return calloutTitle_;
+    auto a = annotation();
+    return a ? a->title() : std::nullopt;
+}
+
+void AnnotationView::setCalloutTitle(std::optional<std::string> title) {
+    calloutTitle_ = std::move(title);
+    setNeedsDisplay();
+}
+
+std::optional<std::string> AnnotationView::calloutSubtitle() const {
+    if (calloutSubtitle_)
+        return calloutSubtitle_;
+    auto a = annotation();
+    return a ? a->subtitle() : std::nullopt;
+}
+
+void AnnotationView::setCalloutSubtitle(std::optional<std::string> subtitle) {
+    calloutSubtitle_ = std::move(subtitle);
+    setNeedsDisplay();
+}
+
 // PinAnnotationView ------------------------------------------------------------------------
 
 namespace {

@@ -83,8 +83,8 @@ void DirectBlitter::yield() {
     painting_ = false;
 }
 
-void DirectBlitter::over(pixman_image_t* src, int sx, int sy, int dx, int dy, int width,
-                         int height) {
+void DirectBlitter::over(pixman_image_t* src, int sx, int sy, int dx, int dy, int width, int height,
+                         double alpha) {
     int x0 = dx + offsetX_, y0 = dy + offsetY_;
     int x1 = std::min(x0 + width, clipX1_), y1 = std::min(y0 + height, clipY1_);
     int cx = std::max(x0, clipX0_), cy = std::max(y0, clipY0_);
@@ -94,8 +94,20 @@ void DirectBlitter::over(pixman_image_t* src, int sx, int sy, int dx, int dy, in
         cairo_surface_flush(surface_);  // what cairo drew since is in the pixels
         painting_ = true;
     }
-    pixman_image_composite32(PIXMAN_OP_OVER, src, nullptr, target_.get(), sx + cx - x0,
-                             sy + cy - y0, 0, 0, cx, cy, x1 - cx, y1 - cy);
+    // A faded view blends through a solid mask, as cairo's paint with an opacity does; views
+    // mostly share one opacity (tags), so the mask is kept.
+    pixman_image_t* mask = nullptr;
+    if (alpha < 1) {
+        auto a16 = static_cast<std::uint16_t>(std::lround(std::clamp(alpha, 0.0, 1.0) * 0xffff));
+        if (!fade_ || fadeAlpha_ != a16) {
+            pixman_color_t color{0, 0, 0, a16};
+            fade_.reset(pixman_image_create_solid_fill(&color));
+            fadeAlpha_ = a16;
+        }
+        mask = fade_.get();
+    }
+    pixman_image_composite32(PIXMAN_OP_OVER, src, mask, target_.get(), sx + cx - x0, sy + cy - y0,
+                             0, 0, cx, cy, x1 - cx, y1 - cy);
 }
 
 }  // namespace sorvan::map::detail

@@ -32,8 +32,10 @@ class DirectBlitter {
 
     bool usable() const { return target_ != nullptr; }
     /// Blends width x height pixels of src from (sx, sy) over the target with their top-left
-    /// corner at device pixel (dx, dy), inside the clip. REQUIRES: usable().
-    void over(pixman_image_t* src, int sx, int sy, int dx, int dy, int width, int height);
+    /// corner at device pixel (dx, dy), inside the clip, faded by alpha (0..1). REQUIRES:
+    /// usable().
+    void over(pixman_image_t* src, int sx, int sy, int dx, int dy, int width, int height,
+              double alpha = 1.0);
     /// Hands the target back to cairo (it sees the new pixels).
     void yield();
 
@@ -42,6 +44,8 @@ class DirectBlitter {
     PixmanImage target_;
     int offsetX_ = 0, offsetY_ = 0;                          // device pixel -> surface pixel
     int clipX0_ = 0, clipY0_ = 0, clipX1_ = 0, clipY1_ = 0;  // surface pixels, exclusive end
+    PixmanImage fade_;  // a solid mask of the last alpha faded with, kept for the next
+    std::uint16_t fadeAlpha_ = 0;
     bool painting_ = false;  // the surface holds pixels cairo has not seen yet
 };
 

@@ -58,8 +58,10 @@ struct DrawnTile {
 
 class DrawnTileCache {
   public:
-    /// Drawn tiles kept beyond the visible ones, in bytes.
-    static constexpr std::size_t kDefaultBudget = 96u << 20;
+    /// Drawn tiles kept beyond the visible ones, in bytes. Their data stays in the tile store,
+    /// so one let go costs a redraw, not a load: room for the levels around the current one
+    /// and a screen or two of panning is enough, and more than the store itself is waste.
+    static constexpr std::size_t kDefaultBudget = 32u << 20;
 
     explicit DrawnTileCache(std::size_t budgetBeyondVisible = kDefaultBudget);
 

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <numbers>
+#include <optional>
 
 #include "graphics/cairo_handles.hpp"
 #include "map/annotation_layer.hpp"
@@ -26,11 +28,42 @@ std::shared_ptr<OverlayRenderer> MapViewDelegate::rendererForOverlay(
     MapView&, const std::shared_ptr<Overlay>&) {
     return nullptr;
 }
+void MapViewDelegate::regionWillChangeAnimated(MapView&, bool) {}
 void MapViewDelegate::regionDidChangeAnimated(MapView&, bool) {}
 void MapViewDelegate::didSelectAnnotationView(MapView&, const std::shared_ptr<AnnotationView>&) {}
 void MapViewDelegate::didDeselectAnnotationView(MapView&, const std::shared_ptr<AnnotationView>&) {}
+void MapViewDelegate::calloutTapped(MapView&, const std::shared_ptr<AnnotationView>&) {}
 
 namespace {
+
+// Animated changes: short enough not to hold the user up, long enough to follow with the eye.
+constexpr double kAnimationSeconds = 0.28;
+constexpr double kFrameSeconds = 1.0 / 60;
+// A fling's speed falls by a factor of e every kFlingTimeConstant seconds; the map stops once
+// it is slower than kFlingStopSpeed. Faster than kFlingMaxSpeed is taken as that speed.
+constexpr double kFlingTimeConstant = 0.325;
+constexpr double kFlingStopSpeed = 15;   // points per second
+constexpr double kFlingMaxSpeed = 8000;  // points per second
+
+double easeOut(double t) {
+    double u = 1 - t;
+    return 1 - u * u * u;
+}
+
+// A camera a fraction e of the way from a to b: the centre the shorter way around the
+// antimeridian, the zoom evenly in scale (each step zooms by the same factor), the heading the
+// shorter way round.
+detail::Camera between(const detail::Camera& a, const detail::Camera& b, double e) {
+    detail::Camera c = a;
+    double dx = b.center.x - a.center.x;
+    if (dx > kMapWorldSize / 2 || dx < -kMapWorldSize / 2)
+        dx -= std::round(dx / kMapWorldSize) * kMapWorldSize;
+    c.center.x = a.center.x + dx * e;
+    c.center.y = a.center.y + (b.center.y - a.center.y) * e;
+    c.zoom = a.zoom * std::pow(b.zoom / a.zoom, e);
+    c.heading = a.heading + std::remainder(b.heading - a.heading, 360.0) * e;
+    return c;
+}
 
 // The ground under the tiles.
 gfx::Color groundColor(MapType type, bool replacedByTiles) {
@@ -83,23 +116,118 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
     bool displayPosted = false;
     int renderDepth = 0;
 
-    // The one place a viewport change is applied and announced: every completed change posts
-    // one regionDidChangeAnimated.
+    // An animated change on its way: the camera at each fraction of its time, and where it
+    // ends. Stepped by a timer on the main run loop, on the run loop's clock.
+    struct Motion {
+        std::function<detail::Camera(double)> at;
+        detail::Camera target;
+        std::chrono::steady_clock::time_point start;
+        double seconds = 0;
+        std::shared_ptr<dispatch::Timer> timer;
+    };
+    std::optional<Motion> motion;
+
+    // The one place a viewport change is applied and announced: every change posts one
+    // regionWillChangeAnimated and, once complete, one regionDidChangeAnimated. A new change
+    // ends a running animation where it stands; that animation is complete then.
     void moveTo(const detail::Camera& camera, bool animated) {
+        if (animated) {
+            detail::Camera target = viewport.normalized(camera);
+            // Asking again for where the map is already going is no new change: the running
+            // animation goes on. (A delegate that answers each completed change with an
+            // animated one to the same place would otherwise restart it for ever.)
+            if (motion && sameView(target, motion->target))
+                return;
+            stopMotion();
+            detail::Camera from = viewport.camera();
+            if (target == from)
+                return;
+            animate([from, target](double t) { return between(from, target, easeOut(t)); }, target,
+                    kAnimationSeconds);
+            return;
+        }
+        stopMotion();
         if (!viewport.moveTo(camera))
             return;
-        postRegionChange(animated);
+        postRegionChange(true, false);
+        postRegionChange(false, false);
         view.setNeedsDisplay();
     }
 
-    void postRegionChange(bool animated) {
+    // Whether two cameras show the same picture, to a thousandth of a point.
+    bool sameView(const detail::Camera& a, const detail::Camera& b) const {
+        constexpr double kPoint = 1e-3;
+        double reach = std::max(viewport.width(), viewport.height());
+        double dx = std::remainder(a.center.x - b.center.x, kMapWorldSize) * a.zoom;
+        double dy = (a.center.y - b.center.y) * a.zoom;
+        double turn =
+            std::abs(std::remainder(a.heading - b.heading, 360.0)) * std::numbers::pi / 180;
+        return std::hypot(dx, dy) < kPoint && std::abs(a.zoom / b.zoom - 1) * reach < kPoint &&
+               turn * reach < kPoint;
+    }
+
+    void animate(std::function<detail::Camera(double)> at, const detail::Camera& target,
+                 double seconds) {
+        stopMotion();
+        postRegionChange(true, true);
+        auto& loop = dispatch::RunLoop::main();
         std::weak_ptr<Life> weak = life;
-        dispatch::RunLoop::main().async([weak, animated] {
+        auto timer = dispatch::Timer::scheduled(dispatch::Duration(kFrameSeconds), true,
+                                                [weak](dispatch::Timer& t) {
+                                                    auto l = weak.lock();
+                                                    if (!l) {
+                                                        t.invalidate();
+                                                        return;
+                                                    }
+                                                    l->view->impl_->stepMotion();
+                                                });
+        motion = Motion{std::move(at), target, loop.now(), seconds, std::move(timer)};
+    }
+
+    void stepMotion() {
+        if (!motion)
+            return;
+        std::chrono::duration<double> elapsed = dispatch::RunLoop::main().now() - motion->start;
+        double t = elapsed.count() / motion->seconds;
+        if (!(t < 1)) {
+            finishMotion();
+            return;
+        }
+        if (viewport.moveTo(motion->at(std::max(t, 0.0))))
+            view.setNeedsDisplay();
+    }
+
+    // Jumps to where the running animation ends, completing it.
+    void finishMotion() {
+        if (!motion)
+            return;
+        viewport.moveTo(motion->target);
+        stopMotion();
+        view.setNeedsDisplay();
+    }
+
+    // Ends the running animation where it stands, completing it.
+    void stopMotion() {
+        if (!motion)
+            return;
+        auto timer = std::move(motion->timer);
+        motion.reset();
+        timer->invalidate();
+        postRegionChange(false, true);
+    }
+
+    void postRegionChange(bool will, bool animated) {
+        std::weak_ptr<Life> weak = life;
+        dispatch::RunLoop::main().async([weak, will, animated] {
             auto l = weak.lock();
             if (!l)
                 return;
-            if (auto d = l->view->impl_->delegate.lock())
-                d->regionDidChangeAnimated(*l->view, animated);
+            if (auto d = l->view->impl_->delegate.lock()) {
+                if (will)
+                    d->regionWillChangeAnimated(*l->view, animated);
+                else
+                    d->regionDidChangeAnimated(*l->view, animated);
+            }
         });
     }
 
@@ -119,6 +247,10 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
             d->didDeselectAnnotationView(view, v);
     }
     void annotationsNeedDisplay() override { view.setNeedsDisplay(); }
+    void calloutTapped(const std::shared_ptr<AnnotationView>& v) override {
+        if (auto d = delegate.lock())
+            d->calloutTapped(view, v);
+    }
 
     // Overlays ---------------------------------------------------------------------------
     std::ptrdiff_t indexOf(const Overlay* o) const {
@@ -234,6 +366,8 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
 MapView::MapView(gfx::Rect frame) : ui::View(frame), impl_(std::make_unique<Impl>(*this)) {}
 
 MapView::~MapView() {
+    if (impl_->motion)
+        impl_->motion->timer->invalidate();
     impl_->stopSource();
     impl_->life.reset();
 }
@@ -320,18 +454,65 @@ Coordinate MapView::convertPointToCoordinate(gfx::Point p, const ui::View* fromV
 void MapView::setFrame(gfx::Rect frame) {
     ui::View::setFrame(frame);
     // A new size shows another region even when the camera stays where it is.
-    if (impl_->viewport.setSize(frame.size))
-        impl_->postRegionChange(false);
+    if (impl_->viewport.setSize(frame.size)) {
+        impl_->postRegionChange(true, false);
+        impl_->postRegionChange(false, false);
+    }
 }
 
 void MapView::panBy(double dx, double dy) {
     impl_->moveTo(impl_->viewport.panned(dx, dy), false);
 }
 
-void MapView::zoomBy(double factor, gfx::Point about) {
+void MapView::fling(double vx, double vy) {
+    impl_->stopMotion();
+    double speed = std::hypot(vx, vy);
+    if (!std::isfinite(speed) || !(speed > kFlingStopSpeed))
+        return;
+    if (speed > kFlingMaxSpeed) {
+        vx *= kFlingMaxSpeed / speed;
+        vy *= kFlingMaxSpeed / speed;
+        speed = kFlingMaxSpeed;
+    }
+    // The speed falls as exp(-t / tau): it reaches the stop speed after tau * ln(v / stop),
+    // having carried the map tau * v * (1 - exp(-t / tau)) by time t.
+    const double tau = kFlingTimeConstant;
+    const double seconds = tau * std::log(speed / kFlingStopSpeed);
+    const detail::Viewport from = impl_->viewport;
+    auto at = [from, vx, vy, tau, seconds](double f) {
+        double k = tau * (1 - std::exp(-f * seconds / tau));
+        return from.panned(vx * k, vy * k);
+    };
+    detail::Camera target = from.normalized(at(1.0));
+    if (target == from.camera())
+        return;
+    impl_->animate(std::move(at), target, seconds);
+}
+
+void MapView::stopCameraAnimation() {
+    impl_->stopMotion();
+}
+
+bool MapView::isAnimatingCamera() const {
+    return impl_->motion.has_value();
+}
+
+void MapView::zoomBy(double factor, gfx::Point about, bool animated) {
     if (!(factor > 0) || !std::isfinite(factor))
         return;
-    impl_->moveTo(impl_->viewport.zoomed(factor, about), false);
+    if (!animated) {
+        impl_->moveTo(impl_->viewport.zoomed(factor, about), false);
+        return;
+    }
+    // Zoomed by a growing part of the factor, so that the map under the point stays there
+    // all the way, not only at the end.
+    const detail::Viewport from = impl_->viewport;
+    detail::Camera target = from.normalized(from.zoomed(factor, about));
+    if (target == from.camera())
+        return;
+    impl_->animate([from, factor,
+                    about](double t) { return from.zoomed(std::pow(factor, easeOut(t)), about); },
+                   target, kAnimationSeconds);
 }
 
 void MapView::rotateBy(double degrees) {
@@ -341,6 +522,8 @@ void MapView::rotateBy(double degrees) {
 }
 
 void MapView::tapAt(gfx::Point point) {
+    // A finger on the map stops it.
+    impl_->stopMotion();
     // Furniture above the map takes the tap first; only buttons act on it.
     std::vector<std::shared_ptr<ui::View>> subs = subviews();
     std::stable_sort(subs.begin(), subs.end(),
@@ -359,6 +542,10 @@ void MapView::tapAt(gfx::Point point) {
     auto& layer = impl_->annotations;
     layer.makeViewsNearScreen(impl_->viewport);
     layer.place(impl_->viewport);
+    if (auto bubble = layer.calloutHitTest(point)) {
+        impl_->calloutTapped(bubble);
+        return;
+    }
     if (auto hit = layer.hitTest(point)) {
         if (auto a = hit->annotation()) {
             selectAnnotation(a, true);
@@ -569,8 +756,14 @@ void MapView::drawFrame(cairo_t* context) {
 
 std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeout) {
     using Clock = std::chrono::steady_clock;
-    auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(timeout);
+    // A timeout beyond a century (or no number) would overflow the clock: a century it is.
+    double seconds = std::isnan(timeout.count()) ? 0.0 : timeout.count();
+    seconds = std::clamp(seconds, 0.0, 100.0 * 365 * 24 * 3600);
+    auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(
+                                       std::chrono::duration<double>(seconds));
     auto& loop = dispatch::RunLoop::main();
+    // A render shows where the map is going, not a frame on the way.
+    impl_->finishMotion();
     layoutIfNeeded();
     impl_->annotations.makeViewsNearScreen(impl_->viewport);
     for (;;) {
@@ -589,6 +782,7 @@ std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeou
             wait = std::min(wait, std::chrono::duration<double>(1.0 / 60));
         auto life = impl_->life;
         loop.runUntil([life, before] { return life->progress != before; }, wait);
+        impl_->finishMotion();  // one a delegate started meanwhile
         layoutIfNeeded();
         impl_->annotations.makeViewsNearScreen(impl_->viewport);
     }

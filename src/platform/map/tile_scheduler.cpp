@@ -17,6 +17,14 @@
 
 namespace sorvan::map::detail {
 
+namespace {
+
+// A tile overlay's picture is decoded only when its header claims a size a tile can have (up
+// to 1024 points at scale 2 and some room): a few bytes must not claim gigabytes.
+constexpr gfx::ImageLimits kTileImageLimits{4096, 4096u * 4096u};
+
+}  // namespace
+
 // A fixed set of threads running queued tasks first in, first out.
 class TileScheduler::WorkerPool {
   public:
@@ -145,7 +153,7 @@ void TileScheduler::postLoad(const LayerSource& layer, const std::shared_ptr<Til
                 return;
             std::shared_ptr<gfx::Image> image;
             if (!error && !data.empty())
-                image = gfx::Image::fromData(data, 2.0);
+                image = gfx::Image::fromData(data, 2.0, kTileImageLimits);
             tiles->finishLoad(key, epoch, std::move(image), error.has_value());
             dispatch::RunLoop::main().async([weak] {
                 if (auto t = weak.lock())

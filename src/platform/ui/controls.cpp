@@ -242,16 +242,4 @@ void Button::draw(cairo_t* context, gfx::Rect bounds) {
     cairo_restore(context);
 }
 
-// WebView -----------------------------------------------------------------------------------
-
-WebView::WebView(gfx::Rect frame) : View(frame) {
-    setBackgroundColor({0.96, 0.96, 0.96, 1});
-}
-
-void WebView::loadHTMLString(std::string html, std::string baseURL) {
-    html_ = std::move(html);
-    baseURL_ = std::move(baseURL);
-    setNeedsDisplay();
-}
-
 }  // namespace sorvan::ui

@@ -214,8 +214,27 @@ void View::drawHierarchy(cairo_t* context) {
         cairo_translate(context, -w, -h);
     }
     bool group = alpha_ < 1;
-    if (group)
+    if (group) {
+        // The group's surface is as large as the clip: without one it would be the whole
+        // target, which for many small see-through views (tags on a map) costs a full-size
+        // surface each. The view draws within its bounds and its subviews within their
+        // frames (turned, at most, about their centres).
+        gfx::Rect extent = bounds();
+        for (const auto& s : subviews_) {
+            gfx::Rect f = s->frame();
+            if (!s->transform().isIdentity()) {
+                double reach = std::hypot(f.size.width, f.size.height);
+                f = {{f.midX() - reach, f.midY() - reach}, {2 * reach, 2 * reach}};
+            }
+            double x0 = std::min(extent.minX(), f.minX()), y0 = std::min(extent.minY(), f.minY());
+            double x1 = std::max(extent.maxX(), f.maxX()), y1 = std::max(extent.maxY(), f.maxY());
+            extent = {{x0, y0}, {x1 - x0, y1 - y0}};
+        }
+        cairo_rectangle(context, extent.minX(), extent.minY(), extent.size.width,
+                        extent.size.height);
+        cairo_clip(context);
         cairo_push_group(context);
+    }
     draw(context, bounds());
     if (!subviews_.empty()) {
         std::vector<View*> order;
@@ -310,7 +329,7 @@ void View::addConstraint(std::shared_ptr<LayoutConstraint> c) {
         return;
     if (std::find(constraints_.begin(), constraints_.end(), c) == constraints_.end())
         constraints_.push_back(std::move(c));
-    setNeedsLayout();
+    constraintsChanged();
 }
 
 void View::removeConstraint(const std::shared_ptr<LayoutConstraint>& c) {
@@ -318,7 +337,16 @@ void View::removeConstraint(const std::shared_ptr<LayoutConstraint>& c) {
     if (it == constraints_.end())
         return;
     constraints_.erase(it);
+    constraintsChanged();
+}
+
+// A view's own constraints size it within its superview (a constant width or height lives on
+// the view itself), so the superview lays out again too.
+void View::constraintsChanged() {
     setNeedsLayout();
+    if (auto parent = superview()) {
+        parent->setNeedsLayout();
+    }
 }
 
 }  // namespace sorvan::ui

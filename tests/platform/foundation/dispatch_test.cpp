@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "foundation/dispatch/serial_queue_access.hpp"
+
 namespace sorvan::dispatch {
 namespace {
 
@@ -20,7 +22,21 @@ class MainLoopTest : public ::testing::Test {
 };
 
 using RunLoopTest = MainLoopTest;
-using TimerTest = MainLoopTest;
+
+// Timers on a manual clock.
+class TimerTest : public MainLoopTest {
+  protected:
+    void SetUp() override {
+        MainLoopTest::SetUp();
+        loop().setClock(clock);
+    }
+    // Moves the clock on and runs what became due.
+    void advance(double seconds) {
+        clock->advance(Duration(seconds));
+        loop().drain();
+    }
+    std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
+};
 
 TEST_F(RunLoopTest, RunsTasksInSubmissionOrderIncludingTasksPostedByTasks) {
     std::vector<int> order;
@@ -104,49 +120,34 @@ TEST_F(RunLoopTest, SwitchingClocksKeepsTheDelayLeft) {
 }
 
 TEST_F(TimerTest, RepeatingTimerFiresOncePerIntervalUntilInvalidated) {
-    auto clock = std::make_shared<ManualClock>();
-    loop().setClock(clock);
     int ticks = 0;
     auto timer = Timer::scheduled(Duration(180.0), true, [&](Timer&) { ++ticks; });
-    EXPECT_TRUE(timer->isValid());
-    EXPECT_TRUE(timer->repeats());
-    EXPECT_DOUBLE_EQ(timer->interval().count(), 180.0);
-    clock->advance(Duration(179.0));
-    loop().drain();
+    advance(179.0);
     EXPECT_EQ(ticks, 0);
     for (int i = 1; i <= 5; ++i) {
-        clock->advance(Duration(180.0));
-        loop().drain();
+        advance(180.0);
         EXPECT_EQ(ticks, i);
     }
     timer->invalidate();
     EXPECT_FALSE(timer->isValid());
-    clock->advance(Duration(1000.0));
-    loop().drain();
+    advance(1000.0);
     EXPECT_EQ(ticks, 5);
     EXPECT_EQ(loop().pendingCount(), 0u);
 }
 
 TEST_F(TimerTest, MissedFiresAreFoldedAndTheScheduleStaysFixed) {
-    auto clock = std::make_shared<ManualClock>();
-    loop().setClock(clock);
     int ticks = 0;
     auto timer = Timer::scheduled(Duration(10.0), true, [&](Timer&) { ++ticks; });
-    clock->advance(Duration(35.0));  // due at 10, 20, 30: one fire
-    loop().drain();
+    advance(35.0);  // due at 10, 20, 30: one fire
     EXPECT_EQ(ticks, 1);
-    clock->advance(Duration(4.0));  // 39: the next fire is at 40, not 45
-    loop().drain();
+    advance(4.0);  // 39: the next fire is at 40, not 45
     EXPECT_EQ(ticks, 1);
-    clock->advance(Duration(1.0));
-    loop().drain();
+    advance(1.0);
     EXPECT_EQ(ticks, 2);
     timer->invalidate();
 }
 
 TEST_F(TimerTest, OneShotTimerFiresOnceAndInvalidatesItself) {
-    auto clock = std::make_shared<ManualClock>();
-    loop().setClock(clock);
     int ticks = 0;
     bool validDuringAction = false;
     std::weak_ptr<Timer> weak;
@@ -158,18 +159,14 @@ TEST_F(TimerTest, OneShotTimerFiresOnceAndInvalidatesItself) {
         weak = timer;
     }
     ASSERT_FALSE(weak.expired()) << "the run loop keeps a scheduled timer alive";
-    clock->advance(Duration(2.0));
-    loop().drain();
-    clock->advance(Duration(2.0));
-    loop().drain();
+    advance(2.0);
+    advance(2.0);
     EXPECT_EQ(ticks, 1);
     EXPECT_TRUE(validDuringAction);
     EXPECT_TRUE(weak.expired()) << "an invalidated timer is released by the run loop";
 }
 
 TEST_F(TimerTest, InvalidateInsideItsOwnActionStopsIt) {
-    auto clock = std::make_shared<ManualClock>();
-    loop().setClock(clock);
     int ticks = 0;
     std::weak_ptr<Timer> weak = Timer::scheduled(Duration(1.0), true, [&](Timer& t) {
         if (++ticks == 2) {
@@ -177,16 +174,13 @@ TEST_F(TimerTest, InvalidateInsideItsOwnActionStopsIt) {
         }
     });
     for (int i = 0; i < 5; ++i) {
-        clock->advance(Duration(1.0));
-        loop().drain();
+        advance(1.0);
     }
     EXPECT_EQ(ticks, 2);
     EXPECT_TRUE(weak.expired());
 }
 
 TEST_F(TimerTest, FireRunsNowWithUserInfoAndKeepsTheSchedule) {
-    auto clock = std::make_shared<ManualClock>();
-    loop().setClock(clock);
     std::vector<std::string> seen;
     auto timer = Timer::scheduled(
         Duration(10.0), true,
@@ -195,8 +189,7 @@ TEST_F(TimerTest, FireRunsNowWithUserInfoAndKeepsTheSchedule) {
     clock->advance(Duration(6.0));
     timer->fire();
     EXPECT_EQ(seen.size(), 1u);
-    clock->advance(Duration(4.0));  // still due at 10
-    loop().drain();
+    advance(4.0);  // still due at 10
     EXPECT_EQ(seen, (std::vector<std::string>{"overlay", "overlay"}));
 
     auto once = Timer::scheduled(Duration(10.0), false, [&](Timer&) { seen.push_back("once"); });
@@ -208,7 +201,7 @@ TEST_F(TimerTest, FireRunsNowWithUserInfoAndKeepsTheSchedule) {
     timer->invalidate();
 }
 
-TEST_F(TimerTest, FiresOnTheRealClockWhileTheLoopRuns) {
+TEST_F(RunLoopTest, TimersFireOnTheRealClockWhileTheLoopRuns) {
     int ticks = 0;
     auto timer = Timer::scheduled(Duration(0.001), true, [&](Timer&) { ++ticks; });
     EXPECT_TRUE(loop().runUntil([&] { return ticks >= 3; }, Duration(10.0)));
@@ -291,6 +284,94 @@ TEST(SerialQueue, MayBeDestroyedByItsOwnTask) {
     });
     EXPECT_TRUE(done.waitFor(Duration(10.0)));
     EXPECT_TRUE(ranAfterRelease);
+}
+
+// Runs task in the queue's place once the queue is idle: right after a sync() returns, the
+// queue's thread may still be finishing the task that answered it.
+bool runWhenIdle(SerialQueue& queue, Task& task) {
+    for (int i = 0; i < 5000; ++i) {
+        if (SerialQueueAccess::runIfIdle(queue, task)) {
+            return true;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
+TEST(SerialQueue, AnIdleQueueRunsATaskOnTheCallingThreadAndStaysSerial) {
+    SerialQueue queue("test.inline");
+    std::thread::id ranOn;
+    bool currentInside = false;
+    Task task = [&] {
+        ranOn = std::this_thread::get_id();
+        currentInside = queue.isCurrent();
+    };
+    ASSERT_TRUE(SerialQueueAccess::runIfIdle(queue, task));
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    EXPECT_TRUE(currentInside);
+    EXPECT_FALSE(queue.isCurrent());
+
+    // While a task runs on the queue's thread, or one waits there, the queue is busy: the
+    // task is left to its caller, untouched.
+    Semaphore entered, leave;
+    queue.async([&] {
+        entered.signal();
+        leave.wait();
+    });
+    entered.wait();
+    int ranInline = 0;
+    Task counted = [&] { ++ranInline; };
+    EXPECT_FALSE(SerialQueueAccess::runIfIdle(queue, counted));
+    leave.signal();
+    queue.sync([] {});
+    queue.async([&] { leave.wait(); });
+    queue.async([] {});
+    EXPECT_FALSE(SerialQueueAccess::runIfIdle(queue, counted));
+    leave.signal();
+    queue.sync([] {});
+    ASSERT_TRUE(counted);
+    EXPECT_EQ(ranInline, 0);
+
+    // Tasks queued while a task runs in the queue's place wait for it, then run in order on
+    // the queue's own thread.
+    std::mutex m;
+    std::vector<int> order;
+    std::thread::id queuedOn;
+    Task holder = [&] {
+        for (int i = 1; i <= 3; ++i) {
+            queue.async([&, i] {
+                std::lock_guard lock(m);
+                order.push_back(i);
+                queuedOn = std::this_thread::get_id();
+            });
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        std::lock_guard lock(m);
+        order.push_back(0);
+    };
+    ASSERT_TRUE(runWhenIdle(queue, holder));
+    queue.sync([] {});
+    std::lock_guard lock(m);
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
+    EXPECT_NE(queuedOn, std::this_thread::get_id());
+}
+
+TEST(SerialQueue, ATaskRunInItsPlaceMayDestroyTheQueue) {
+    auto queue = std::make_shared<SerialQueue>("test.inline.self");
+    std::atomic<int> ran{0};
+    auto* raw = queue.get();
+    raw->async([] { std::this_thread::sleep_for(std::chrono::milliseconds(5)); });
+    raw->sync([] {});
+    Task last = [&ran, q = std::move(queue)]() mutable {
+        q->async([&ran] { ++ran; });  // queued behind this task
+        q.reset();                    // the last owner lets go inside the task
+        ++ran;
+    };
+    ASSERT_TRUE(runWhenIdle(*raw, last));
+    for (int i = 0; i < 1000 && ran < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(ran, 2) << "what was queued still runs on the queue's thread";
 }
 
 TEST(Semaphore, CountsSignalsAndTimesOut) {

@@ -45,10 +45,39 @@ TEST(JsonAccess, ParseTakesOnlyAnObjectOrAnArrayAtTheTop) {
     ASSERT_TRUE(ok.value.has_value());
     EXPECT_TRUE(ok.errorDescription.empty());
     EXPECT_EQ(ok.value->at("data").size(), 3u);
+}
 
-    // Deep nesting neither overflows the stack while parsing nor while freeing.
-    const std::string deep = std::string(100000, '[') + std::string(100000, ']');
-    EXPECT_TRUE(parse(deep).value.has_value());
+TEST(JsonAccess, ParseRefusesNestingDeeperThanAWalkCanFollow) {
+    auto nested = [](std::size_t levels, std::string_view open, std::string_view close) {
+        std::string text;
+        for (std::size_t i = 0; i < levels; ++i) {
+            text += open;
+        }
+        for (std::size_t i = 0; i < levels; ++i) {
+            text += close;
+        }
+        return text;
+    };
+    // 50,000 levels in 100 KB, arrays or objects: refused, naming where the limit was passed.
+    for (const auto& deep : {nested(50000, "[", "]"), nested(50000, "{\"a\":", "}")}) {
+        const auto parsed = parse(deep);
+        EXPECT_FALSE(parsed.value.has_value());
+        const std::string at = deep[0] == '[' ? "257" : "1281";
+        EXPECT_EQ(
+            parsed.errorDescription,
+            std::string(kFormatError) + " (nested deeper than 256 levels at byte " + at + ")");
+    }
+    const auto limit = parse(nested(256, "[", "]"));
+    ASSERT_TRUE(limit.value.has_value()) << limit.errorDescription;
+    EXPECT_FALSE(limit.value->dump().empty());
+    EXPECT_FALSE(parse(nested(257, "[", "]")).value.has_value());
+    // Brackets inside strings, escaped quotes included, are text, not levels.
+    const auto text = parse("[\"" + nested(300, "[\\\"", "]") + "\"]");
+    ASSERT_TRUE(text.value.has_value()) << text.errorDescription;
+    // Closers beyond the openers do not lend depth to what follows.
+    EXPECT_FALSE(parse(std::string(300, ']') + nested(200, "[", "]")).value.has_value());
+    EXPECT_EQ(parse(std::string(300, ']') + nested(300, "[", "]")).errorDescription,
+              std::string(kFormatError) + " (nested deeper than 256 levels at byte 557)");
 }
 
 TEST(JsonAccess, WalkThrowsNamingWhatWasFound) {
@@ -67,6 +96,14 @@ TEST(JsonAccess, WalkThrowsNamingWhatWasFound) {
         {[&] { stringValue(at("num")); }, "expected a string, found number"},
         {[&] { stringValue(at("yes")); }, "expected a string, found boolean"},
         {[&] { stringValue(at("arr")); }, "expected a string, found array"},
+        {[&] { requireNumeric(at("nul"), "lat"); },
+         "lat: expected a number or a string, found null"},
+        {[&] { requireNumeric(at("obj")); }, "expected a number or a string, found object"},
+        {[&] { requireNumeric(at("arr"), "lon"); },
+         "lon: expected a number or a string, found array"},
+        {[&] { requireText(at("nul"), "icon"); }, "icon: expected a string, found null"},
+        {[&] { requireText(at("num"), "icon"); }, "icon: expected a string, found number"},
+        {[&] { requireText(at("yes")); }, "expected a string, found boolean"},
         // A null in the answer is a value of the wrong kind, not an absent member.
         {[&] { stringValue(at("nul")); }, "expected a string, found null"},
         {[&] { integerValue(at("nul")); }, "expected a number, found null"},
@@ -75,6 +112,25 @@ TEST(JsonAccess, WalkThrowsNamingWhatWasFound) {
     for (std::size_t i = 0; i < cases.size(); ++i) {
         EXPECT_EQ(reasonOf(cases[i].first), cases[i].second) << "case " << i;
     }
+}
+
+// Members a walk reads as numbers or as text: what passes, and the textual forms.
+TEST(JsonAccess, RequiredKindsPassWhatTheWalkCanReadAndTextualFormsOfScalars) {
+    const Value root = doc(R"({"n":3.5,"s":"x","b":false,"i":-12,"f":12.0,"z":null,"a":[]})");
+    for (const char* key : {"n", "s", "b", "i"}) {
+        EXPECT_EQ(&requireNumeric(root.at(key)), &root.at(key)) << key;
+    }
+    EXPECT_EQ(&requireNumeric(member(root, "gone")), &missing());
+    EXPECT_EQ(&requireText(root.at("s")), &root.at("s"));
+    EXPECT_EQ(&requireText(member(root, "gone")), &missing());
+    EXPECT_EQ(textualForm(root.at("s")), "x");
+    EXPECT_EQ(textualForm(root.at("i")), "-12");
+    EXPECT_EQ(textualForm(root.at("f")), "12");
+    EXPECT_EQ(textualForm(root.at("n")), "3.5");
+    EXPECT_EQ(textualForm(root.at("b")), "0");
+    EXPECT_EQ(textualForm(root.at("z")), std::nullopt);
+    EXPECT_EQ(textualForm(root.at("a")), std::nullopt);
+    EXPECT_EQ(textualForm(member(root, "gone")), std::nullopt);
 }
 
 TEST(JsonAccess, MissingBranchesReadAsNothing) {

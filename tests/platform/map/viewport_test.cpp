@@ -86,41 +86,24 @@ TEST(Viewport, ConvertsBothWaysRotatedAndAcrossTheAntimeridian) {
     EXPECT_LT(v.coveredRect().minX(), 0);
 }
 
-TEST(Viewport, RegionsFitTheAspectRatioAndChangesComeAsCameras) {
+// How regions fit the view and where zooms and pans leave the map is pinned through the map
+// view's own conversions; here, what only the viewport decides.
+TEST(Viewport, DegenerateRegionsKeepTheZoomAndComputedCamerasWaitToBeApplied) {
     Viewport v({400, 300});
-    CoordinateRegion asked{kBangkok, {0.05, 0.05}};
-    v.moveTo(v.showing(asked));
-    CoordinateRegion r = v.region();
-    EXPECT_NEAR(r.center.latitude, kBangkok.latitude, 1e-9);
-    EXPECT_GE(r.span.latitudeDelta, 0.05 - 1e-9);
-    EXPECT_GE(r.span.longitudeDelta, 0.05);
-    MapRect shown = v.visibleRect();
-    EXPECT_NEAR(shown.size.width / shown.size.height, 400.0 / 300.0, 1e-9);
-    CoordinateRegion fits = v.regionThatFits(asked);
-    EXPECT_NEAR(fits.span.longitudeDelta, r.span.longitudeDelta, 1e-12);
-    EXPECT_NEAR(fits.span.latitudeDelta, r.span.latitudeDelta, 1e-12);
-    // A degenerate span keeps the zoom it had.
+    v.moveTo(v.showing({kBangkok, {0.05, 0.05}}));
     double zoom = v.camera().zoom;
     EXPECT_DOUBLE_EQ(v.showing(CoordinateRegion{kBangkok, {0, 0}}).zoom, zoom);
 
-    // The computed cameras leave the viewport alone until applied.
-    Camera panned = v.panned(30, -20);
+    MapPoint centre = v.camera().center;
     Camera zoomed = v.zoomed(2, {40, 30});
+    Camera panned = v.panned(30, -20);
     Camera turned = v.rotated(-30);
     EXPECT_EQ(v.camera().zoom, zoom);
+    EXPECT_EQ(v.camera().center.x, centre.x);
+    EXPECT_NE(panned.center.x, centre.x);
     EXPECT_DOUBLE_EQ(v.normalized(turned).heading, 330);
-    MapPoint under = v.mapFromPoint({40, 30});
     v.moveTo(zoomed);
     EXPECT_DOUBLE_EQ(v.camera().zoom, zoom * 2);
-    gfx::Point still = v.pointFromMap(under);
-    EXPECT_NEAR(still.x, 40, 1e-6);
-    EXPECT_NEAR(still.y, 30, 1e-6);
-    v.moveTo(v.showing(asked));
-    MapPoint centre = v.camera().center;
-    v.moveTo(panned);
-    gfx::Point moved = v.pointFromMap(centre);
-    EXPECT_NEAR(moved.x, 230, 1e-6);
-    EXPECT_NEAR(moved.y, 130, 1e-6);
 }
 
 TEST(Viewport, TileLevelIsTheNearestToTheTilesOwnSize) {

@@ -1,3 +1,4 @@
+#include <cairo.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -224,6 +225,35 @@ TEST(View, HitTestAndConversionRespectHiddenZOrderAndTransforms) {
     EXPECT_EQ(root->subviews().size(), 1u);
 }
 
+// The opacity of a view applies to it and its subviews as one, also where a subview reaches
+// beyond its parent's bounds (and where a turned subview does).
+TEST(View, AFadedViewFadesItsSubviewsOutsideItsBoundsToo) {
+    std::vector<std::uint32_t> pixels(100 * 100, 0);
+    cairo_surface_t* surface = cairo_image_surface_create_for_data(
+        reinterpret_cast<unsigned char*>(pixels.data()), CAIRO_FORMAT_ARGB32, 100, 100, 400);
+    cairo_t* cr = cairo_create(surface);
+    auto parent = std::make_shared<View>(gfx::Rect{10, 10, 20, 20});
+    parent->setBackgroundColor({1, 0, 0, 1});
+    parent->setAlpha(0.5);
+    auto outside = std::make_shared<View>(gfx::Rect{50, 50, 20, 20});
+    outside->setBackgroundColor({0, 0, 1, 1});
+    auto turned = std::make_shared<View>(gfx::Rect{-8, 30, 4, 40});
+    turned->setBackgroundColor({0, 1, 0, 1});
+    turned->setTransform(gfx::AffineTransform::rotation(std::numbers::pi / 2));
+    parent->addSubview(outside);
+    parent->addSubview(turned);
+    parent->drawHierarchy(cr);
+    cairo_destroy(cr);
+    cairo_surface_destroy(surface);
+    auto alphaAt = [&](int x, int y) {
+        return pixels[static_cast<std::size_t>(y) * 100 + x] >> 24;
+    };
+    EXPECT_NEAR(alphaAt(20, 20), 128, 1);  // the parent
+    EXPECT_NEAR(alphaAt(70, 70), 128, 1);  // the subview beyond its bounds
+    EXPECT_NEAR(alphaAt(10, 60), 128, 1);  // the turned subview, now lying left of it
+    EXPECT_EQ(alphaAt(90, 10), 0u);
+}
+
 TEST(AttributedText, MeasuresLatinAndThaiWithRealFonts) {
     TextAttributes bold;
     bold.weight = FontWeight::Bold;
@@ -278,15 +308,6 @@ TEST(Button, RunsTheActionsOfTheSentEventOnly) {
     extra.reset();
     raw->sendActions(ControlEvent::TouchUpInside);
     EXPECT_TRUE(weak.expired());
-}
-
-TEST(WebView, HoldsTheLoadedHTML) {
-    WebView web({0, 0, 300, 200});
-    web.loadHTMLString("<video src=\"x\"></video>", "https://example.invalid/");
-    EXPECT_EQ(web.htmlString(), "<video src=\"x\"></video>");
-    EXPECT_EQ(web.baseURL(), "https://example.invalid/");
-    web.setScrollEnabled(false);
-    EXPECT_FALSE(web.scrollEnabled());
 }
 
 }  // namespace

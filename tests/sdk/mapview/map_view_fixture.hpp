@@ -2,6 +2,7 @@
 // of its own for each test.
 #pragma once
 
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -18,6 +19,18 @@
 #include "support/foundation_support.hpp"
 
 namespace sorvan::test {
+
+/// The subviews of view that are of type T, in order.
+template <typename T>
+std::vector<std::shared_ptr<T>> subviewsOf(const ui::View& view) {
+    std::vector<std::shared_ptr<T>> out;
+    for (const auto& v : view.subviews()) {
+        if (auto t = std::dynamic_pointer_cast<T>(v)) {
+            out.push_back(t);
+        }
+    }
+    return out;
+}
 
 class MapViewTest : public ::testing::Test {
   protected:
@@ -55,6 +68,14 @@ class MapViewTest : public ::testing::Test {
         return out;
     }
 
+    /// Shows the view at exactly zoom, centred on c.
+    void showAt(map::Coordinate c, double zoom) {
+        map::MapPoint p = map::mapPointForCoordinate(c);
+        double w = view_->bounds().size.width * std::exp2(20.0 - zoom);
+        double h = view_->bounds().size.height * std::exp2(20.0 - zoom);
+        view_->setVisibleMapRect({{p.x - w / 2, p.y - h / 2}, {w, h}});
+    }
+
     static std::shared_ptr<SMLayer> layer(std::int64_t mode, double alpha = 1.0,
                                           std::int64_t minZoom = 1, std::int64_t maxZoom = 20) {
         auto l = SMLayer::create(mode);
@@ -66,7 +87,8 @@ class MapViewTest : public ::testing::Test {
 
     TempDir home_;
     ScopedEnv homeEnv_{"SORVAN_HOME", home_.path()};
-    server::EmbeddedService service_;
+    // With a request log, for tests that check what the view asked for.
+    server::EmbeddedService service_{server::ServiceOptions{.requestLog = 10000}};
     std::shared_ptr<SorvanMapView> view_;
 };
 

@@ -29,14 +29,7 @@ TEST_F(MapViewTest, EveryOverlayLandsAboveTheTopmostTileOverlay) {
     EXPECT_EQ(view_->overlays().back(), q);
 }
 
-TEST_F(MapViewTest, TileRendererCarriesTheLayerAlpha) {
-    view_->addSMLayer(layer(SMLayerModeNormal, 0.3));
-    auto renderer = view_->rendererForOverlay(view_->overlays()[0]);
-    ASSERT_NE(std::dynamic_pointer_cast<map::TileOverlayRenderer>(renderer), nullptr);
-    EXPECT_DOUBLE_EQ(renderer->alpha(), 0.3);
-}
-
-TEST_F(MapViewTest, PolylinesGetTheRouteStyleAndOtherShapesNoRenderer) {
+TEST_F(MapViewTest, TilesCarryTheLayerAlphaPolylinesTheRouteStyleOtherShapesNoRenderer) {
     auto line = somePolyline();
     map::Coordinate ring[] = {{13.7, 100.5}, {13.8, 100.6}, {13.7, 100.6}};
     auto polygon = map::Polygon::withCoordinates(ring, 3);
@@ -44,6 +37,9 @@ TEST_F(MapViewTest, PolylinesGetTheRouteStyleAndOtherShapesNoRenderer) {
     view_->addOverlay(line);
     view_->addOverlay(polygon);
 
+    auto tile = view_->rendererForOverlay(view_->overlays()[0]);
+    ASSERT_NE(std::dynamic_pointer_cast<map::TileOverlayRenderer>(tile), nullptr);
+    EXPECT_DOUBLE_EQ(tile->alpha(), 0.3);
     auto renderer =
         std::dynamic_pointer_cast<map::PolylineRenderer>(view_->rendererForOverlay(line));
     ASSERT_NE(renderer, nullptr);

@@ -8,14 +8,6 @@ namespace {
 
 constexpr map::Coordinate kBangkok{13.7563, 100.5018};
 
-// Shows the view at exactly the zoom given, centred on c.
-void showAt(SorvanMapView& view, map::Coordinate c, double zoom) {
-    map::MapPoint p = map::mapPointForCoordinate(c);
-    double w = view.bounds().size.width * std::exp2(20.0 - zoom);
-    double h = view.bounds().size.height * std::exp2(20.0 - zoom);
-    view.setVisibleMapRect({{p.x - w / 2, p.y - h / 2}, {w, h}});
-}
-
 // Lets an animated change finish.
 void settle(SorvanMapView& view, double expectedZoom) {
     dispatch::RunLoop::main().runUntil(
@@ -23,7 +15,7 @@ void settle(SorvanMapView& view, double expectedZoom) {
 }
 
 TEST_F(MapViewTest, SetZoomLevelIgnoresTwentyOneAndAbove) {
-    showAt(*view_, kBangkok, 12.0);
+    showAt(kBangkok, 12.0);
     map::MapRect before = view_->visibleMapRect();
     for (double z : {21.0, 25.0, std::numeric_limits<double>::quiet_NaN()}) {
         view_->setZoomLevel(z);
@@ -59,20 +51,20 @@ TEST_F(MapViewTest, CoordinateSpanUsesBaseTwentyOne) {
     span = view_->coordinateSpanWithZoomLevel(2.0);
     EXPECT_DOUBLE_EQ(span.longitudeDelta, 180.0);
     // The same zoom as zoomLevel() reports for the same view.
-    showAt(*view_, kBangkok, 15.0);
+    showAt(kBangkok, 15.0);
     span = view_->coordinateSpanWithZoomLevel(15.0);
     EXPECT_NEAR(span.longitudeDelta, view_->region().span.longitudeDelta, 1e-6);
 }
 
 TEST_F(MapViewTest, RegionChangeRoundsHalvesUpAndBouncesTwentyOne) {
-    showAt(*view_, kBangkok, 20.49);
+    showAt(kBangkok, 20.49);
     map::MapRect before = view_->visibleMapRect();
     view_->regionDidChangeAnimated(*view_, false);
     EXPECT_EQ(globals::currentZoom(), 20);
     dispatch::RunLoop::main().runUntil([] { return false; }, dispatch::Duration(0.05));
     EXPECT_EQ(view_->visibleMapRect(), before);
 
-    showAt(*view_, kBangkok, 20.5);
+    showAt(kBangkok, 20.5);
     view_->regionDidChangeAnimated(*view_, false);
     EXPECT_EQ(globals::currentZoom(), 21);
     // The bounce to 20 changes currentZoom only through the region change it causes.
@@ -82,7 +74,7 @@ TEST_F(MapViewTest, RegionChangeRoundsHalvesUpAndBouncesTwentyOne) {
                                        dispatch::Duration(2));
     EXPECT_EQ(globals::currentZoom(), 20);
 
-    showAt(*view_, kBangkok, 9.5);
+    showAt(kBangkok, 9.5);
     view_->regionDidChangeAnimated(*view_, false);
     EXPECT_EQ(globals::currentZoom(), 10);
 }

@@ -168,6 +168,19 @@ TEST_F(SearchClientTest, FailuresReachTheBlockBeforeTheLogAndTheDelegateNever) {
     EXPECT_EQ(capture.lines(),
               Lines{"suggestWithKeyword Error (k): " + garbled->error->localizedDescription});
 
+    // An answer nested 50,000 levels deep in 100 KB is a decoding failure like any other,
+    // not a stack overflow while the hit's text is read.
+    answer(kSearch,
+           "{\"data\":[{\"id\":" + std::string(50000, '[') + std::string(50000, ']') + "}]}");
+    capture.clear();
+    auto deep = search("k");
+    ASSERT_TRUE(deep->error);
+    EXPECT_EQ(deep->error->code, net::Error::Code::CannotParseResponse);
+    EXPECT_EQ(deep->error->localizedDescription,
+              std::string("The data couldn't be read because it isn't in the correct format. "
+                          "(nested deeper than 256 levels at byte 269)"));
+    EXPECT_EQ(capture.lines(), Lines{kLine + deep->error->localizedDescription});
+
     // A dropped connection; delegates hear nothing of any failure.
     server::Fault drop;
     drop.count = -1;

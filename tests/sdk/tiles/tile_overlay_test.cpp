@@ -27,6 +27,7 @@
 #include "support/foundation_support.hpp"
 #include "support/service_harness.hpp"
 #include "tiles/tile_cache.hpp"
+#include "tiles/tile_outcome.hpp"
 
 namespace sorvan {
 namespace {
@@ -104,7 +105,7 @@ class TileOverlayTest : public ::testing::Test {
     test::TempDir home_;
     test::ScopedEnv env_{"SORVAN_HOME", home_.path()};
     std::unique_ptr<Defaults> defaults_;
-    server::EmbeddedService service_;
+    server::EmbeddedService service_{sorvan::testing::recordingService()};
     std::string origin_;
     log::Capture log_;
 };
@@ -318,6 +319,53 @@ TEST_F(TileOverlayTest, FailedStatusIsAskedThreeTimesSilentlyAndTransportErrorsO
     EXPECT_EQ(service_.requests().size(), 2u);
 }
 
+TEST_F(TileOverlayTest, OutcomeReportsNameEachMissingLayerAndChangeNothing) {
+    std::mutex mutex;
+    std::vector<tiles::TileOutcome> outcomes;
+    tiles::TileOutcomeSubscription subscription([&](const tiles::TileOutcome& outcome) {
+        std::lock_guard lock(mutex);
+        outcomes.push_back(outcome);
+    });
+    // A good layer, a failing one and "none" at the bottom: the picture keeps the good one,
+    // the requests and the (empty) log are those of a load nobody watches.
+    auto stack = overlay({19, 5, 21});
+    stack->setCustomUrl(
+        std::vector<std::string>{"", "", origin_ + "/tiles/{z}/{x}/{y}.png?status=404"},
+        std::vector<std::int64_t>{0, 0, 0}, std::nullopt);
+    auto image = loadImage(*stack, {1, 2, 3});
+    EXPECT_EQ(service_.requests("/tiles/").size(), 3u);
+    EXPECT_TRUE(log_.lines().empty());
+    ASSERT_TRUE(image);
+    EXPECT_EQ(image->rgbaAt(128, 128)[3], 255);
+    {
+        std::lock_guard lock(mutex);
+        ASSERT_EQ(outcomes.size(), 1u);
+        EXPECT_EQ(outcomes[0].path, (map::TilePath{1, 2, 3}));
+        EXPECT_TRUE(outcomes[0].picture);
+        ASSERT_EQ(outcomes[0].failures.size(), 1u);
+        const tiles::LayerFailure& f = outcomes[0].failures[0];
+        EXPECT_EQ(f.layer, 2u);
+        EXPECT_EQ(f.mode, 21);
+        EXPECT_EQ(f.cause, tiles::LayerFailure::Cause::Status);
+        EXPECT_EQ(f.status, 404);
+        outcomes.clear();
+    }
+
+    // A stack that ends in "none" has no picture on purpose: no failure to report.
+    load(*overlay({5, 19}), {0, 0, 1});
+    // A dead server: the transport's words, the same as its one log line.
+    auto dead = custom(strformat("http://127.0.0.1:%d/{z}/{x}/{y}.png", testing::closedPort()), 0);
+    load(*dead, {0, 0, 1});
+    std::lock_guard lock(mutex);
+    ASSERT_EQ(outcomes.size(), 2u);
+    EXPECT_FALSE(outcomes[0].picture);
+    EXPECT_TRUE(outcomes[0].failures.empty());
+    ASSERT_EQ(outcomes[1].failures.size(), 1u);
+    EXPECT_EQ(outcomes[1].failures[0].cause, tiles::LayerFailure::Cause::Transport);
+    ASSERT_EQ(log_.lines().size(), 1u);
+    EXPECT_EQ(log_.lines()[0], "TILE ERROR: " + outcomes[1].failures[0].describe());
+}
+
 TEST_F(TileOverlayTest, CompositionOfWhiteNoneAndTrafficWithoutServer) {
     auto white = loadImage(*overlay({18}), {0, 0, 1});
     ASSERT_TRUE(white);
@@ -418,6 +466,51 @@ TEST_F(TileOverlayTest, DiskCacheFilesNamesAndCorruptFiles) {
     loadImage(*g, {1, 1, 1});
     EXPECT_FALSE(fs::exists(cacheFile(garbage)));
     EXPECT_EQ(tiles::TileCache::shared().tileList().back(), SMTileOverlay::SHA256String(garbage));
+    EXPECT_TRUE(log_.lines().empty());
+}
+
+TEST_F(TileOverlayTest, AnswersThatDrawNothingAreAskedForAgainOnceTheServerHeals) {
+    // The disk cache is off: what is kept across loads is the URL cache's alone.
+    auto solid = [](int w, int h) {
+        auto image = gfx::Image::fromPixels(w, h, std::vector<std::uint32_t>(w * h, 0xffcc2020));
+        auto png = image->pngData();
+        return std::string(png.begin(), png.end());
+    };
+    std::mutex mutex;
+    std::string answer;  // what /flaky answers next; guarded by mutex
+    bool html = false;
+    service_.route("/flaky/", [&](const server::Request&) {
+        std::lock_guard lock(mutex);
+        return html ? server::Response::html(answer) : server::Response::png(answer);
+    });
+    auto o = custom(origin_ + "/flaky/{z}/{x}/{y}.png", 0);
+    o->setCache(2);
+    auto becomes = [&](std::string next, bool isHTML) {
+        std::lock_guard lock(mutex);
+        answer = std::move(next);
+        html = isHTML;
+    };
+    const std::vector<std::pair<std::string, bool>> broken = {
+        {"<html><body>maintenance</body></html>", true},  // an error page sent as 200
+        {solid(2049, 4), false},                          // wider than any tile can be
+        {solid(256, 256).substr(0, 300), false},          // cut short
+    };
+    for (const auto& [body, isHTML] : broken) {
+        service_.clearRequests();
+        becomes(body, isHTML);
+        auto gap = loadImage(*o, {1, 0, 1});
+        ASSERT_TRUE(gap);
+        EXPECT_EQ(gap->rgbaAt(128, 128)[3], 0) << "a picture from a broken answer";
+        becomes(solid(256, 256), false);
+        auto healed = loadImage(*o, {1, 0, 1});
+        ASSERT_TRUE(healed);
+        EXPECT_EQ(healed->rgbaAt(128, 128), (std::array<std::uint8_t, 4>{0xcc, 0x20, 0x20, 0xff}));
+        EXPECT_EQ(service_.requests("/flaky/").size(), 2u) << "asked the server again";
+        // ... and a good answer stays where the loader finds it without the network.
+        loadImage(*o, {1, 0, 1});
+        EXPECT_EQ(service_.requests("/flaky/").size(), 2u);
+        net::URLCache::shared().removeAllCachedResponses();
+    }
     EXPECT_TRUE(log_.lines().empty());
 }
 

@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -12,37 +15,13 @@
 
 #include "SorvanMapSDK/SorvanMapSDK.hpp"
 #include "sorvan/platform/graphics/image.hpp"
-#include "support/foundation_support.hpp"
-#include "support/services_fixtures.hpp"
-#include "tool_run.hpp"
+#include "tool_test.hpp"
 
 namespace sorvan::test {
 namespace {
 
-using Env = std::vector<std::pair<std::string, std::optional<std::string>>>;
-
-class SorvanCommand : public testing::ServicesTest {
+class SorvanCommand : public ToolTest {
   protected:
-    // Against the suite's embedded service (or base), with a home of the test's own.
-    ToolRun sorvan(std::vector<std::string> args, Env env = {}, const std::string& base = "") {
-        ToolCall call;
-        call.args = std::move(args);
-        call.env = {{"SORVAN_SERVICE_ORIGIN", base.empty() ? origin() : base},
-                    {"SORVAN_KEY", "cli-key"},
-                    {"SORVAN_HOME", home_.path()}};
-        call.env.insert(call.env.end(), env.begin(), env.end());
-        return runSorvan(call);
-    }
-    ToolRun sorvan(ToolCall call) {
-        call.env.insert(call.env.begin(),
-                        {{"SORVAN_SERVICE_ORIGIN", origin()}, {"SORVAN_HOME", home_.path()}});
-        return runSorvan(call);
-    }
-    std::string closedOrigin() const {
-        return "http://127.0.0.1:" + std::to_string(sorvan::testing::closedPort());
-    }
-
-    TempDir home_;
     const std::vector<std::string> view_ = {"render", "--center",  "13.7563,100.5018", "--zoom",
                                             "14",     "--size",    "300x200",          "--layers",
                                             "base",   "--no-cache"};
@@ -228,6 +207,45 @@ TEST_F(SorvanCommand, QuietAndSorvanLogChooseWhichLinesOfTheKitReachStderr) {
         << render.err;
 }
 
+TEST_F(SorvanCommand, BrokenTileAnswersAreNotKeptAndNoCacheKeepsNothing) {
+    std::vector<std::string> args(view_.begin(), view_.end() - 1);  // without --no-cache
+    args.insert(args.end(), {"-o", home_.file("map.png")});
+    auto render = [&](bool noCache) {
+        // Written even when tiles fail, so that the broken picture can be compared.
+        std::vector<std::string> a = args;
+        a.push_back("--partial");
+        if (noCache) {
+            a.push_back("--no-cache");
+        }
+        sorvan(a);
+        std::ifstream in(home_.file("map.png"), std::ios::binary);
+        std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(in)), {});
+        auto image = gfx::Image::fromData(bytes);
+        EXPECT_NE(image, nullptr);
+        return image ? image->pixels() : std::vector<std::uint32_t>{};
+    };
+    auto urlCacheFiles = [&] {
+        std::error_code ec;
+        auto files = std::filesystem::directory_iterator(home_.path() + "/caches/URLCache", ec);
+        return ec ? 0 : std::distance(begin(files), end(files));
+    };
+    // No cache at all: nothing is written anywhere.
+    const auto healthy = render(true);
+    EXPECT_EQ(urlCacheFiles(), 0);
+
+    // Tiles answered 200 with bytes that are no picture, then the server heals: the next
+    // render asks again and draws them.
+    server::Fault garbage;
+    garbage.count = -1;
+    garbage.malformedBody = true;
+    service().injectFault("/map/msn-server/img.php", garbage);
+    EXPECT_NE(render(false), healthy);
+    service().clearFaults();
+    service().clearRequests();
+    EXPECT_EQ(render(false), healthy);
+    EXPECT_FALSE(service().requests("/map/msn-server/img.php").empty());
+}
+
 TEST_F(SorvanCommand, ALongRenderShowsProgressOnlyWhenStderrIsATerminal) {
     server::Fault slow;
     slow.count = -1;
@@ -256,32 +274,6 @@ TEST_F(SorvanCommand, ALongRenderShowsProgressOnlyWhenStderrIsATerminal) {
     EXPECT_EQ(piped.status, 0);
     EXPECT_EQ(piped.err, "");
     EXPECT_GE(service().requests("/map/msn-server/img.php").size(), 3u);
-}
-
-TEST_F(SorvanCommand, GeodesyCommandsPrintJSON) {
-    ToolRun area = sorvan({"area", "13,100", "13,101", "14,101", "14,100", "--json"});
-    EXPECT_EQ(area.status, 0);
-    EXPECT_EQ(area.out, "{\"points\":4,\"area\":12049505796.63}\n");
-
-    ToolRun both = sorvan({"utm", "--json", "13.7563,100.5018", "47P, 662367, 1521281"});
-    EXPECT_EQ(both.status, 0);
-    auto answers = nlohmann::json::parse(both.out);
-    EXPECT_EQ(answers, nlohmann::json::parse(R"([
-        {"latitude": 13.7563, "longitude": 100.5018, "utm": "47P, 662367, 1521281"},
-        {"latitude": 13.756303, "longitude": 100.501804, "utm": "47P, 662367, 1521281"}])"));
-
-    // Standard input: a blank line is null, and a bad line ends a still well-formed array.
-    ToolCall lines;
-    lines.args = {"utm", "--json"};
-    lines.input = "13.7563,100.5018\n\nnonsense\n1,2\n";
-    ToolRun streamed = sorvan(lines);
-    EXPECT_EQ(streamed.status, 1);
-    EXPECT_EQ(nlohmann::json::parse(streamed.out),
-              nlohmann::json::parse(R"([{"latitude": 13.7563, "longitude": 100.5018,
-                                         "utm": "47P, 662367, 1521281"}, null])"));
-    EXPECT_EQ(streamed.err,
-              "sorvan utm: line 3: expected LAT,LON or ZONE+BAND, EASTING, NORTHING, got "
-              "'nonsense'\n");
 }
 
 }  // namespace

@@ -90,6 +90,10 @@ ToolRun runSorvan(const ToolCall& call) {
     for (int fd : {inFds[0], inFds[1], out.parent, out.child, err.parent, err.child}) {
         posix_spawn_file_actions_addclose(&actions, fd);
     }
+    if (!call.stdoutFile.empty()) {
+        posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, call.stdoutFile.c_str(), O_WRONLY,
+                                         0);
+    }
     std::vector<std::string> args{tool};
     args.insert(args.end(), call.args.begin(), call.args.end());
     std::vector<char*> argv;

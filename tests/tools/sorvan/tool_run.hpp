@@ -18,6 +18,8 @@ struct ToolCall {
     std::vector<std::pair<std::string, std::optional<std::string>>> env;
     std::string input;
     bool stdoutOnTerminal = false;
+    /// When set, standard output is this file (opened for writing, e.g. "/dev/full").
+    std::string stdoutFile;
     bool stderrOnTerminal = false;
 };
 

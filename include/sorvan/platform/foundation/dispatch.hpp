@@ -20,6 +20,7 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "sorvan/platform/export.hpp"
@@ -85,8 +86,27 @@ class SORVAN_EXPORT RunLoop final : public Queue {
     /// Runs tasks and timers until predicate() is true (checked after each task and at least
     /// every few milliseconds) or the timeout passes. Returns the predicate's last value.
     bool runUntil(const std::function<bool()>& predicate, Duration timeout);
-    /// Runs every task that is due now, without waiting. Returns how many ran.
+    /// Runs every task that is due now, without waiting. Returns how many ran. Empties the
+    /// wake descriptor first, so a task posted meanwhile signals it again.
     std::size_t drain();
+
+    /// For hosts with a poll loop of their own: a file descriptor that becomes readable when a
+    /// task or timer is added (from any thread). The host polls it with the timeout
+    /// timeUntilDue() gives, and calls drain() when it is readable or the timeout passed;
+    /// drain() empties it. -1 when the system gave no descriptor. The loop owns it.
+    ///
+    ///   pollfd p{loop.wakeDescriptor(), POLLIN, 0};
+    ///   for (;;) {
+    ///       auto due = loop.timeUntilDue();
+    ///       poll(&p, 1, due ? ceilMilliseconds(*due) : -1);
+    ///       loop.drain();
+    ///   }
+    ///
+    /// A GLib host attaches a GLibRunLoopSource instead, which does exactly this.
+    int wakeDescriptor();
+    /// How long until a task or timer is due: zero when one is ready now, nullopt when nothing
+    /// is pending (wait for the descriptor only).
+    std::optional<Duration> timeUntilDue() const;
 
     /// Replaces the clock used for delayed tasks and timers (nullptr restores the real one).
     /// Delayed tasks already pending keep the delay they had left.
@@ -113,6 +133,9 @@ class SORVAN_EXPORT RunLoop final : public Queue {
 };
 
 /// Runs tasks one at a time, in order, on a thread of its own. Delays follow the real clock.
+/// The platform may run a task of an idle queue on a thread of its own instead (the URL
+/// session runs a completion on its network thread that way); the queue stays serial, and
+/// isCurrent() is true inside the task on whichever thread runs it.
 class SORVAN_EXPORT SerialQueue final : public Queue {
   public:
     explicit SerialQueue(std::string label);
@@ -121,6 +144,7 @@ class SORVAN_EXPORT SerialQueue final : public Queue {
     ~SerialQueue() override;
     void async(Task task) override;
     void asyncAfter(Duration delay, Task task) override;
+    /// True when called from a task of this queue, whichever thread runs it.
     bool isCurrent() const override;
     /// Runs task on the queue and waits for it; an exception it throws is rethrown here.
     /// REQUIRES: not called from this queue (where it would deadlock; it runs the task inline).
@@ -128,6 +152,7 @@ class SORVAN_EXPORT SerialQueue final : public Queue {
     const std::string& label() const;
 
   private:
+    friend struct SerialQueueAccess;
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -63,6 +63,13 @@ SORVAN_EXPORT void debug(const char* format, ...) __attribute__((format(printf, 
 SORVAN_EXPORT void write(std::string_view line);
 SORVAN_EXPORT void writef(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
+/// The text with the value of every `key` query parameter (`?key=`, `&key=`, or `key=` after
+/// white space; the name in any case) replaced by "***". Service keys travel as that parameter,
+/// so a line that quotes an address must not show it: every line written goes through this
+/// before it reaches a capture, the sink or stderr. An empty value stays empty, which tells a
+/// missing key apart from a hidden one.
+SORVAN_EXPORT std::string redacted(std::string_view text);
+
 /// Replaces the sink; nullptr restores stderr. Returns the previous sink.
 SORVAN_EXPORT Sink setSink(Sink sink);
 

@@ -29,12 +29,22 @@ struct SORVAN_EXPORT PNGOptions {
     static PNGOptions fast() { return {1, Filter::Default}; }
 };
 
+/// The largest picture a decode may make. The header's size is checked against it before any
+/// pixel memory is taken, so a few bytes claiming a huge picture cost nothing.
+struct ImageLimits {
+    std::uint32_t maxSide = 1u << 15;
+    std::uint64_t maxPixels = 1ull << 28;
+};
+
 class SORVAN_EXPORT Image {
   public:
     /// Decodes PNG (any colour type and bit depth, interlaced or not) or JPEG bytes; nullptr
-    /// when they are neither or cannot be decoded. Scale: pixels per point (> 0).
-    static std::shared_ptr<Image> fromData(std::span<const std::uint8_t> bytes, double scale = 1.0);
-    static std::shared_ptr<Image> fromFile(const std::string& path, double scale = 1.0);
+    /// when they are neither, cannot be decoded or are larger than limits allow. Scale:
+    /// pixels per point (> 0).
+    static std::shared_ptr<Image> fromData(std::span<const std::uint8_t> bytes, double scale = 1.0,
+                                           const ImageLimits& limits = {});
+    static std::shared_ptr<Image> fromFile(const std::string& path, double scale = 1.0,
+                                           const ImageLimits& limits = {});
     /// Wraps premultiplied ARGB32 pixels (native-endian uint32, cairo's layout), row stride in
     /// bytes = 4 * width. nullptr when the vector does not hold width * height pixels.
     static std::shared_ptr<Image> fromPixels(int pixelWidth, int pixelHeight,

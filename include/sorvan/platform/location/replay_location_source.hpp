@@ -1,5 +1,7 @@
-// A location source that replays recorded fixes: from a list, an NMEA log ($GPRMC / $GPGGA
-// sentences) or a GPX track. For demos, tests and front ends without a receiver.
+// A map location source that replays a list of fixes at a fixed interval on the main queue,
+// read from a list, an NMEA log or a GPX track: for engine tests and front ends that want a
+// scripted user position. Applications use a LocationManager over a ReplaySource instead,
+// which keeps the recorded pace and gives headings too.
 //
 // Main queue only: start() delivers the first fix on the main queue right away (as a posted
 // task) and each next one an interval later; after the last fix it stops (or starts over when
@@ -31,10 +33,11 @@ class SORVAN_EXPORT ReplayLocationSource : public map::LocationSource {
                                                           dispatch::Duration interval,
                                                           std::string* error = nullptr);
 
-    /// Valid fixes of an NMEA log; sentences with a bad checksum, a void status or broken
-    /// fields are skipped.
+    /// One fix per epoch of an NMEA log (RMC and GGA sentences); sentences with a bad checksum,
+    /// a void status or broken fields are skipped.
     static std::vector<map::LocationFix> parseNMEA(std::string_view text);
-    /// Track, route and way points of a GPX document, in document order.
+    /// The track points of a GPX document (its route points when it has no track); nothing for
+    /// a document that is not XML.
     static std::vector<map::LocationFix> parseGPX(std::string_view text);
 
     void setLoops(bool loops) { loops_ = loops; }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "sorvan/platform/export.hpp"
@@ -29,8 +30,19 @@ class SORVAN_EXPORT AnnotationView : public ui::View {
         centerOffset_ = o;
         setNeedsDisplay();
     }
+    /// Whether selecting the view shows a callout bubble above it with the callout's title
+    /// and subtitle (nothing shows when both are empty). A tap on the bubble reaches the map
+    /// delegate's calloutTapped.
     bool canShowCallout() const { return canShowCallout_; }
-    void setCanShowCallout(bool v) { canShowCallout_ = v; }
+    void setCanShowCallout(bool v) {
+        canShowCallout_ = v;
+        setNeedsDisplay();
+    }
+    /// The callout's text: what was set here, else the annotation's title and subtitle.
+    std::optional<std::string> calloutTitle() const;
+    void setCalloutTitle(std::optional<std::string> title);
+    std::optional<std::string> calloutSubtitle() const;
+    void setCalloutSubtitle(std::optional<std::string> subtitle);
     bool isSelected() const { return selected_; }
     void setSelected(bool s) {
         selected_ = s;
@@ -45,6 +57,7 @@ class SORVAN_EXPORT AnnotationView : public ui::View {
     std::shared_ptr<gfx::Image> image_;
     gfx::Point centerOffset_;
     bool canShowCallout_ = false;
+    std::optional<std::string> calloutTitle_, calloutSubtitle_;
     bool selected_ = false;
 };
 

@@ -36,12 +36,17 @@ class SORVAN_EXPORT MapViewDelegate {
     /// Asked synchronously when an overlay is added; the renderer is kept.
     virtual std::shared_ptr<OverlayRenderer> rendererForOverlay(
         MapView& mapView, const std::shared_ptr<Overlay>& overlay);
-    /// Once per completed viewport change.
+    /// Once as each viewport change starts (for an animated one, before its first frame).
+    virtual void regionWillChangeAnimated(MapView& mapView, bool animated);
+    /// Once per completed viewport change: a jump at once, an animation when it arrives or is
+    /// interrupted (by a new change or a gesture), wherever it stands then.
     virtual void regionDidChangeAnimated(MapView& mapView, bool animated);
     virtual void didSelectAnnotationView(MapView& mapView,
                                          const std::shared_ptr<AnnotationView>& view);
     virtual void didDeselectAnnotationView(MapView& mapView,
                                            const std::shared_ptr<AnnotationView>& view);
+    /// A tap on the callout bubble of the selected view (the whole bubble is its control).
+    virtual void calloutTapped(MapView& mapView, const std::shared_ptr<AnnotationView>& view);
 };
 
 enum class MapType { Standard = 0, Satellite = 1, Hybrid = 2, MutedStandard = 5 };
@@ -63,6 +68,10 @@ class SORVAN_EXPORT MapView : public ui::View {
     std::shared_ptr<MapViewDelegate> delegate() const;
 
     // Viewport ---------------------------------------------------------------------------
+    // A change with animated = true moves there over about a quarter of a second, stepped by
+    // a timer on the main run loop (each step asks for a frame through the needs-display
+    // callback); without, it is applied at once. Any later change or gesture ends a running
+    // animation where it stands. render() does not wait for an animation: it jumps to its end.
     double screenScale() const;
     void setScreenScale(double scale);  // 1, 2 or 3; default 2
     Coordinate centerCoordinate() const;
@@ -85,12 +94,22 @@ class SORVAN_EXPORT MapView : public ui::View {
     // Input from front ends; each completed change posts one regionDidChangeAnimated.
     /// Drags the map content by a distance in points (as a finger would).
     void panBy(double dxPoints, double dyPoints);
-    /// Zooms in by factor (> 1) or out (< 1), keeping the map under aboutPoint in place.
-    void zoomBy(double factor, gfx::Point aboutPoint);
+    /// Kinetic panning after a drag is let go with a velocity in points per second: the map
+    /// keeps moving that way and slows down to a stop (about a second and a half from a
+    /// brisk flick). Slower than 15 points per second does nothing.
+    void fling(double vxPointsPerSecond, double vyPointsPerSecond);
+    /// Zooms in by factor (> 1) or out (< 1), keeping the map under aboutPoint in place (all
+    /// the way through when animated).
+    void zoomBy(double factor, gfx::Point aboutPoint, bool animated = false);
+    /// Ends a running animation or fling where it stands (a finger touching the map).
+    void stopCameraAnimation();
+    /// True while an animated change or a fling is running.
+    bool isAnimatingCamera() const;
     /// Adds degrees to the camera heading.
     void rotateBy(double degrees);
-    /// A tap: a button among the subviews gets TouchUpInside; otherwise the topmost annotation
-    /// view under the point is selected; a tap on bare map deselects.
+    /// A tap: a button among the subviews gets TouchUpInside; otherwise a tap on the selected
+    /// view's callout bubble goes to the delegate's calloutTapped; otherwise the topmost
+    /// annotation view under the point is selected; a tap on bare map deselects.
     void tapAt(gfx::Point point);
 
     // Overlays ---------------------------------------------------------------------------

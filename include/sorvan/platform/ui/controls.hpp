@@ -1,4 +1,5 @@
-// Image views, attributed text, buttons and the web view. Main queue only.
+// Image views, attributed text and buttons (and, for those who include only this header, the
+// web view). Main queue only.
 #pragma once
 
 #include <functional>
@@ -10,6 +11,7 @@
 #include "sorvan/platform/export.hpp"
 #include "sorvan/platform/graphics/image.hpp"
 #include "sorvan/platform/ui/view.hpp"
+#include "sorvan/platform/ui/web_view.hpp"
 
 namespace sorvan::ui {
 
@@ -85,22 +87,6 @@ class SORVAN_EXPORT Button : public View {
     };
     std::vector<Target> targets_;
     int nextToken_ = 1;
-};
-
-/// Holds loaded HTML; a front end with a web engine shows it. Headless it draws nothing but a
-/// neutral placeholder.
-class SORVAN_EXPORT WebView : public View {
-  public:
-    explicit WebView(gfx::Rect frame = {});
-    void loadHTMLString(std::string html, std::string baseURL = "");
-    const std::string& htmlString() const { return html_; }
-    const std::string& baseURL() const { return baseURL_; }
-    bool scrollEnabled() const { return scrollEnabled_; }
-    void setScrollEnabled(bool e) { scrollEnabled_ = e; }
-
-  private:
-    std::string html_, baseURL_;
-    bool scrollEnabled_ = true;
 };
 
 }  // namespace sorvan::ui

@@ -115,6 +115,7 @@ class SORVAN_EXPORT View : public std::enable_shared_from_this<View> {
     void removeConstraint(const std::shared_ptr<LayoutConstraint>& c);
 
   private:
+    void constraintsChanged();
     gfx::Rect frame_;
     double alpha_ = 1.0;
     bool hidden_ = false;
