@@ -67,10 +67,13 @@ ay=$(field x areaY)
 at() { xdotool mousemove --window "$window" $((ax + $1)) $((ay + $2)); }
 snapshot() { rm -f "$work/map.png"; xdotool key --window "$window" ctrl+s; for _ in $(seq 50); do [[ -f $work/map.png ]] && return 0; sleep 0.1; done; fail "no snapshot"; }
 
-# Waits until the visible tiles have come and been drawn, then compares the map with the
-# case's reference picture.
+# Waits until the visible tiles have come and been drawn (slow under sanitizers), and for the
+# frame after, then compares the map with the case's reference picture.
 compare_map() {
-    sleep 2
+    sleep 1
+    wait_for "s['tilesPending'] == 0" 60 || fail "tiles still loading after 60 s"
+    sleep 0.5
+    wait_for "s['tilesPending'] == 0" 60 || fail "tiles still loading after 60 s"
     snapshot
     "$compare" "$work/map.png" "$here/$case_name.png" || fail "the map differs from $case_name.png"
 }

@@ -1086,14 +1086,15 @@ class Window : public std::enable_shared_from_this<Window> {
         std::snprintf(
             text, sizeof text,
             "{\"latitude\": %.9f, \"longitude\": %.9f, \"zoom\": %.6f, \"heading\": %.3f, "
-            "\"width\": %.0f, \"height\": %.0f, \"frames\": %zu, \"suggestions\": %zu, "
+            "\"width\": %.0f, \"height\": %.0f, \"frames\": %zu, \"tilesPending\": %zu, "
+            "\"suggestions\": %zu, "
             "\"pins\": %zu, \"routeSteps\": %zu, \"routeLines\": %zu, "
             "\"pointerLatitude\": %.9f, \"pointerLongitude\": %.9f, "
             "\"areaX\": %.0f, \"areaY\": %.0f, ",
             c.latitude, c.longitude, view_->zoomLevel(), view_->cameraHeading(),
-            view_->bounds().size.width, view_->bounds().size.height, frames_, suggestions_.size(),
-            pins_.size(), route_ ? route_->guide().size() : 0, routeLines_.size(), p.latitude,
-            p.longitude, areaX, areaY);
+            view_->bounds().size.width, view_->bounds().size.height, frames_, view_->pendingTiles(),
+            suggestions_.size(), pins_.size(), route_ ? route_->guide().size() : 0,
+            routeLines_.size(), p.latitude, p.longitude, areaX, areaY);
         std::string json = text;
         // Where a test can click a camera of each kind: the first one well inside the map.
         std::size_t cameras = 0;

@@ -115,6 +115,7 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
     std::function<void()> needsDisplayCallback;
     bool displayPosted = false;
     int renderDepth = 0;
+    std::size_t lastPending = 0;  // the last frame's FramePlan::pending
 
     // An animated change on its way: the camera at each fraction of its time, and where it
     // ends. Stepped by a timer on the main run loop, on the run loop's clock.
@@ -736,9 +737,14 @@ void MapView::layoutSubviews() {
 void MapView::draw(cairo_t* context, gfx::Rect) {
     ++impl_->renderDepth;
     const detail::FramePlan& fp = impl_->plan();
+    impl_->lastPending = fp.pending;
     impl_->compose(context, fp);
     impl_->drawn.trim();
     --impl_->renderDepth;
+}
+
+std::size_t MapView::pendingTiles() const {
+    return impl_->lastPending;
 }
 
 void MapView::drawFrame(cairo_t* context) {

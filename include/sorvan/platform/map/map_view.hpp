@@ -166,6 +166,9 @@ class SORVAN_EXPORT MapView : public ui::View {
     /// coarser level) into a context whose user space is this view's points; starts loading
     /// and drawing what is missing. For interactive front ends with their own surface.
     void drawFrame(cairo_t* context);
+    /// Visible tiles the last frame drew without (still loading or drawing); 0 before the
+    /// first frame. A front end that saves what it shows waits for 0.
+    std::size_t pendingTiles() const;
 
     void layoutSubviews() override;
     /// The map, its overlays and annotation views (subviews are drawn above by the caller).
