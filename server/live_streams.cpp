@@ -11,12 +11,12 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
-#include <ctime>
 #include <deque>
 #include <map>
 #include <mutex>
 #include <thread>
 
+#include "event_feed.hpp"
 #include "road_scene.hpp"
 #include "sorvan/platform/foundation/log.hpp"
 
@@ -49,15 +49,6 @@ bool initializeGStreamer() {
     static bool ok = false;
     std::call_once(once, [] { ok = gst_init_check(nullptr, nullptr, nullptr); });
     return ok;
-}
-
-std::string clockText(std::chrono::system_clock::time_point at) {
-    std::time_t t = std::chrono::system_clock::to_time_t(at);
-    std::tm local{};
-    localtime_r(&t, &local);
-    char text[32];
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
 }
 
 Response unavailable(const std::string& why) {
@@ -245,7 +236,7 @@ void LiveStreams::Impl::encode(Stream& stream) {
             origin + std::chrono::duration_cast<WallDuration>(frameTime * static_cast<double>(k));
         paintRoadScene(cr, w, h, stream.name,
                        std::chrono::duration<double>(wall.time_since_epoch()).count(),
-                       clockText(wall));
+                       bangkokTimeText(wall));
         cairo_destroy(cr);
         cairo_surface_flush(surface);
         cairo_surface_destroy(surface);

@@ -160,9 +160,7 @@ live)
         xdotool key --window "$window" minus
     done
     wait_for "s['liveCamera'] and s['stillCamera']" 5 || fail "no camera of each kind in view"
-    # Only the still camera: the live camera's window does not yet start its stream reliably on
-    # a virtual display. The kit's camera tests cover the live view itself.
-    for kind in stillCamera; do
+    for kind in liveCamera stillCamera; do
         read -r cx cy < <(python3 -c "import json,sys; p=json.load(open(sys.argv[1]))[sys.argv[2]]; print(p[0], p[1])" "$work/state.json" $kind)
         # Without a window manager nothing gives the map back its focus when a window closes.
         xdotool windowfocus --sync "$window"
@@ -170,7 +168,11 @@ live)
         xdotool click 1
         wait_for "s['cameraWindows'] == 1 and s['cameraPicture']" 45 || fail "$kind: no picture in a camera window"
         camera=$(xdotool search --limit 1 --name "^Camera: ") || fail "$kind: no camera window"
-        xdotool key --window "$camera" Escape
+        # Escape closes the window on its press; xdotool's --window would then send the release
+        # to a window that is gone, fail, and leave the key held down in the server, and its
+        # repeats close the next window at once. Pressed for the focused window instead.
+        xdotool windowfocus --sync "$camera"
+        xdotool key Escape
         wait_for "s['cameraWindows'] == 0 and s['pipelines'] == 0" 10 || fail "$kind: closing its window left the camera playing"
     done
     # The user's position from a one-fix track chosen in the location dialog.
