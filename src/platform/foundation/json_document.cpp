@@ -1,0 +1,788 @@
+#include "foundation/json_document.hpp"
+
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+#include "foundation/json_coerce.hpp"
+
+namespace sorvan::json {
+
+// A recursive descent over the text, one entry per value in document order, so that an
+// array's elements and an object's members follow their container and a container's end
+// skips all of it. It checks everything the tree parser checks (well-formed UTF-8, escapes and
+// surrogate pairs, numbers that stay finite), but decodes only numbers: strings are unescaped
+// when they are read.
+class Parser {
+  public:
+    explicit Parser(Document& doc)
+        : doc_(doc),
+          p_(doc.text_.data()),
+          begin_(doc.text_.data()),
+          end_(doc.text_.data() + doc.text_.size()) {}
+
+    bool run() {
+        // A byte-order mark is skipped; a text starting with part of one is refused.
+        if (end_ - p_ >= 1 && static_cast<unsigned char>(*p_) == 0xEF) {
+            if (end_ - p_ < 3 || static_cast<unsigned char>(p_[1]) != 0xBB ||
+                static_cast<unsigned char>(p_[2]) != 0xBF) {
+                return false;
+            }
+            p_ += 3;
+        }
+        skipSpace();
+        if (p_ == end_ || (*p_ != '{' && *p_ != '[')) {
+            return false;
+        }
+        if (!value(0)) {
+            return false;
+        }
+        skipSpace();
+        return p_ == end_;
+    }
+
+  private:
+    static constexpr std::size_t kMaxDepth = 256;
+    using Entry = Document::Entry;
+
+    Document& doc_;
+    const char* p_;
+    const char* const begin_;
+    const char* const end_;
+
+    void skipSpace() {
+        while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+            ++p_;
+        }
+    }
+
+    std::uint32_t add(Kind kind) {
+        doc_.entries_.emplace_back();
+        doc_.entries_.back().kind = kind;
+        return static_cast<std::uint32_t>(doc_.entries_.size() - 1);
+    }
+
+    void close(std::uint32_t index) {
+        doc_.entries_[index].end = static_cast<std::uint32_t>(doc_.entries_.size());
+    }
+
+    bool literal(std::string_view word) {
+        if (static_cast<std::size_t>(end_ - p_) < word.size() ||
+            std::memcmp(p_, word.data(), word.size()) != 0) {
+            return false;
+        }
+        p_ += word.size();
+        return true;
+    }
+
+    bool value(std::size_t depth) {
+        if (p_ == end_) {
+            return false;
+        }
+        switch (*p_) {
+            case '{':
+                return object(depth + 1);
+            case '[':
+                return array(depth + 1);
+            case '"':
+                return string();
+            case 't':
+            case 'f': {
+                const bool flag = *p_ == 't';
+                if (!literal(flag ? "true" : "false")) {
+                    return false;
+                }
+                const auto index = add(Kind::Boolean);
+                doc_.entries_[index].flag = flag;
+                close(index);
+                return true;
+            }
+            case 'n':
+                if (!literal("null")) {
+                    return false;
+                }
+                close(add(Kind::Null));
+                return true;
+            default:
+                return number();
+        }
+    }
+
+    bool array(std::size_t depth) {
+        if (depth > kMaxDepth) {
+            return false;
+        }
+        const auto index = add(Kind::Array);
+        ++p_;
+        skipSpace();
+        std::uint32_t count = 0;
+        if (p_ != end_ && *p_ == ']') {
+            ++p_;
+        } else {
+            for (;;) {
+                skipSpace();
+                if (!value(depth)) {
+                    return false;
+                }
+                ++count;
+                skipSpace();
+                if (p_ == end_) {
+                    return false;
+                }
+                if (*p_ == ']') {
+                    ++p_;
+                    break;
+                }
+                if (*p_ != ',') {
+                    return false;
+                }
+                ++p_;
+            }
+        }
+        doc_.entries_[index].count = count;
+        close(index);
+        return true;
+    }
+
+    bool object(std::size_t depth) {
+        if (depth > kMaxDepth) {
+            return false;
+        }
+        const auto index = add(Kind::Object);
+        ++p_;
+        skipSpace();
+        std::uint32_t count = 0;
+        if (p_ != end_ && *p_ == '}') {
+            ++p_;
+        } else {
+            for (;;) {
+                skipSpace();
+                if (p_ == end_ || *p_ != '"' || !string()) {
+                    return false;
+                }
+                skipSpace();
+                if (p_ == end_ || *p_ != ':') {
+                    return false;
+                }
+                ++p_;
+                skipSpace();
+                if (!value(depth)) {
+                    return false;
+                }
+                ++count;
+                skipSpace();
+                if (p_ == end_) {
+                    return false;
+                }
+                if (*p_ == '}') {
+                    ++p_;
+                    break;
+                }
+                if (*p_ != ',') {
+                    return false;
+                }
+                ++p_;
+            }
+        }
+        doc_.entries_[index].count = count;
+        close(index);
+        return true;
+    }
+
+    static int hexDigit(char c) {
+        if (c >= '0' && c <= '9') {
+            return c - '0';
+        }
+        if (c >= 'a' && c <= 'f') {
+            return c - 'a' + 10;
+        }
+        if (c >= 'A' && c <= 'F') {
+            return c - 'A' + 10;
+        }
+        return -1;
+    }
+
+    // Four hex digits after "\u", or -1.
+    int codeUnit() {
+        if (end_ - p_ < 4) {
+            return -1;
+        }
+        int unit = 0;
+        for (int k = 0; k < 4; ++k) {
+            const int digit = hexDigit(p_[k]);
+            if (digit < 0) {
+                return -1;
+            }
+            unit = unit * 16 + digit;
+        }
+        p_ += 4;
+        return unit;
+    }
+
+    bool escape() {
+        if (p_ == end_) {
+            return false;
+        }
+        const char c = *p_++;
+        switch (c) {
+            case '"':
+            case '\\':
+            case '/':
+            case 'b':
+            case 'f':
+            case 'n':
+            case 'r':
+            case 't':
+                return true;
+            case 'u': {
+                const int unit = codeUnit();
+                if (unit < 0 || (unit >= 0xDC00 && unit <= 0xDFFF)) {
+                    return false;
+                }
+                if (unit >= 0xD800 && unit <= 0xDBFF) {
+                    // A high surrogate stands only before a low one.
+                    if (end_ - p_ < 2 || p_[0] != '\\' || p_[1] != 'u') {
+                        return false;
+                    }
+                    p_ += 2;
+                    const int low = codeUnit();
+                    return low >= 0xDC00 && low <= 0xDFFF;
+                }
+                return true;
+            }
+            default:
+                return false;
+        }
+    }
+
+    static bool continuation(unsigned char c, unsigned char low = 0x80, unsigned char high = 0xBF) {
+        return c >= low && c <= high;
+    }
+
+    // One well-formed multi-byte UTF-8 sequence starting at p_.
+    bool multiByte() {
+        const auto* s = reinterpret_cast<const unsigned char*>(p_);
+        const auto left = end_ - p_;
+        const unsigned char c = s[0];
+        int length = 0;
+        unsigned char low = 0x80, high = 0xBF;
+        if (c >= 0xC2 && c <= 0xDF) {
+            length = 2;
+        } else if (c >= 0xE0 && c <= 0xEF) {
+            length = 3;
+            if (c == 0xE0) {
+                low = 0xA0;
+            } else if (c == 0xED) {
+                high = 0x9F;
+            }
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            length = 4;
+            if (c == 0xF0) {
+                low = 0x90;
+            } else if (c == 0xF4) {
+                high = 0x8F;
+            }
+        } else {
+            return false;
+        }
+        if (left < length || !continuation(s[1], low, high)) {
+            return false;
+        }
+        for (int k = 2; k < length; ++k) {
+            if (!continuation(s[k])) {
+                return false;
+            }
+        }
+        p_ += length;
+        return true;
+    }
+
+    bool string() {
+        ++p_;
+        const auto index = add(Kind::String);
+        const char* start = p_;
+        bool escaped = false;
+        for (;;) {
+            while (p_ != end_ && static_cast<unsigned char>(*p_) >= 0x20 &&
+                   static_cast<unsigned char>(*p_) < 0x80 && *p_ != '"' && *p_ != '\\') {
+                ++p_;
+            }
+            if (p_ == end_) {
+                return false;
+            }
+            const auto c = static_cast<unsigned char>(*p_);
+            if (c == '"') {
+                break;
+            }
+            if (c == '\\') {
+                ++p_;
+                escaped = true;
+                if (!escape()) {
+                    return false;
+                }
+            } else if (c < 0x20 || !multiByte()) {
+                return false;
+            }
+        }
+        auto& e = doc_.entries_[index];
+        e.offset = static_cast<std::uint32_t>(start - begin_);
+        e.length = static_cast<std::uint32_t>(p_ - start);
+        e.escaped = escaped;
+        ++p_;
+        close(index);
+        return true;
+    }
+
+    static bool isDigit(char c) { return c >= '0' && c <= '9'; }
+
+    // Powers of ten a double holds exactly.
+    static constexpr double kExact[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                        1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                        1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+    bool number() {
+        const char* start = p_;
+        const bool negative = *p_ == '-';
+        if (negative) {
+            ++p_;
+        }
+        if (p_ == end_ || !isDigit(*p_)) {
+            return false;
+        }
+        // Digits are gathered as one integer while they fit, with the decimal exponent that
+        // scales it, for the exact conversion below.
+        std::uint64_t mantissa = 0;
+        int digits = 0;  // significant digits gathered into mantissa
+        bool exactMantissa = true;
+        int exponent = 0;
+        auto gather = [&](char c, bool fraction) {
+            if (mantissa == 0 && c == '0') {
+                if (fraction) {
+                    --exponent;
+                }
+                return;
+            }
+            if (digits < 19) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
+                ++digits;
+                if (fraction) {
+                    --exponent;
+                }
+            } else {
+                exactMantissa = false;
+                if (!fraction) {
+                    ++exponent;
+                }
+            }
+        };
+        if (*p_ == '0') {
+            ++p_;
+        } else {
+            while (p_ != end_ && isDigit(*p_)) {
+                gather(*p_++, false);
+            }
+        }
+        bool integral = true;
+        if (p_ != end_ && *p_ == '.') {
+            integral = false;
+            ++p_;
+            if (p_ == end_ || !isDigit(*p_)) {
+                return false;
+            }
+            while (p_ != end_ && isDigit(*p_)) {
+                gather(*p_++, true);
+            }
+        }
+        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+            integral = false;
+            ++p_;
+            bool negativeExponent = false;
+            if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
+                negativeExponent = *p_ == '-';
+                ++p_;
+            }
+            if (p_ == end_ || !isDigit(*p_)) {
+                return false;
+            }
+            int written = 0;
+            while (p_ != end_ && isDigit(*p_)) {
+                if (written < 100000) {
+                    written = written * 10 + (*p_ - '0');
+                }
+                ++p_;
+            }
+            exponent += negativeExponent ? -written : written;
+        }
+        const auto index = add(Kind::Number);
+        auto& e = doc_.entries_[index];
+        const std::string_view text(start, static_cast<std::size_t>(p_ - start));
+        close(index);
+        if (integral) {
+            // As the tree parser stores them: a negative integer signed, any other unsigned,
+            // and one beyond 64 bits as a double.
+            if (negative) {
+                std::int64_t v = 0;
+                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
+                if (r.ec == std::errc()) {
+                    e.number = Document::Number::Integer;
+                    e.value.i = v;
+                    return true;
+                }
+            } else {
+                std::uint64_t v = 0;
+                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
+                if (r.ec == std::errc()) {
+                    e.number = Document::Number::Unsigned;
+                    e.value.u = v;
+                    return true;
+                }
+            }
+        }
+        e.number = Document::Number::Float;
+        double d = 0;
+        if (exactMantissa && mantissa < (std::uint64_t{1} << 53) && exponent >= -22 &&
+            exponent <= 22) {
+            // Both the mantissa and the power are exact doubles, so one operation rounds once:
+            // the same double strtod gives.
+            d = static_cast<double>(mantissa);
+            d = exponent < 0 ? d / kExact[-exponent] : d * kExact[exponent];
+            d = negative ? -d : d;
+        } else {
+            d = coerce::parseNumberText(text);
+            // The tree parser refuses a number beyond a double's range.
+            if (!std::isfinite(d)) {
+                return false;
+            }
+        }
+        e.value.d = d;
+        return true;
+    }
+};
+
+std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::string* error) {
+    std::shared_ptr<Document> doc(new Document());
+    doc->text_.assign(bytes);
+    // A rough guess of the entries, so that the list grows at most once or twice.
+    doc->entries_.reserve(bytes.size() / 8 + 4);
+    if (Parser(*doc).run()) {
+        return doc;
+    }
+    auto tree = json::parse(bytes);
+    if (tree.value) {
+        // Both parsers are meant to agree; should they not, the tree's own text, which is
+        // plain JSON, is read instead of failing a valid answer.
+        std::shared_ptr<Document> again(new Document());
+        again->text_ = tree.value->dump();
+        if (Parser(*again).run()) {
+            return again;
+        }
+        if (error) {
+            *error = "The data couldn't be read because it isn't in the correct format.";
+        }
+        return nullptr;
+    }
+    if (error) {
+        *error = std::move(tree.errorDescription);
+    }
+    return nullptr;
+}
+
+const Document& Document::emptyObject() {
+    static const auto doc = Document::parse("{}", nullptr);
+    return *doc;
+}
+
+namespace {
+
+void appendUTF8(std::string& out, std::uint32_t code) {
+    if (code < 0x80) {
+        out += static_cast<char>(code);
+    } else if (code < 0x800) {
+        out += static_cast<char>(0xC0 | (code >> 6));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    } else if (code < 0x10000) {
+        out += static_cast<char>(0xE0 | (code >> 12));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    } else {
+        out += static_cast<char>(0xF0 | (code >> 18));
+        out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
+        out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
+        out += static_cast<char>(0x80 | (code & 0x3F));
+    }
+}
+
+std::uint32_t hexUnit(std::string_view s, std::size_t at) {
+    std::uint32_t unit = 0;
+    std::from_chars(s.data() + at, s.data() + at + 4, unit, 16);
+    return unit;
+}
+
+// The text of a string the parser has checked, its escapes decoded.
+std::string unescape(std::string_view raw) {
+    std::string out;
+    out.reserve(raw.size());
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] != '\\') {
+            out += raw[i];
+            continue;
+        }
+        const char c = raw[++i];
+        switch (c) {
+            case 'b':
+                out += '\b';
+                break;
+            case 'f':
+                out += '\f';
+                break;
+            case 'n':
+                out += '\n';
+                break;
+            case 'r':
+                out += '\r';
+                break;
+            case 't':
+                out += '\t';
+                break;
+            case 'u': {
+                std::uint32_t code = hexUnit(raw, i + 1);
+                i += 4;
+                if (code >= 0xD800 && code <= 0xDBFF) {
+                    const std::uint32_t low = hexUnit(raw, i + 3);
+                    i += 6;
+                    code = 0x10000 + ((code - 0xD800) << 10) + (low - 0xDC00);
+                }
+                appendUTF8(out, code);
+                break;
+            }
+            default:  // '"', '\\', '/'
+                out += c;
+                break;
+        }
+    }
+    return out;
+}
+
+const char* kindName(const Node& v) {
+    return v.isMissing() ? "nothing" : v.typeName();
+}
+
+}  // namespace
+
+std::string Document::stringOf(const Entry& e) const {
+    return e.escaped ? unescape(raw(e)) : std::string(raw(e));
+}
+
+Kind Node::kind() const {
+    return doc_ ? doc_->entry(index_).kind : Kind::Null;
+}
+
+const char* Node::typeName() const {
+    switch (kind()) {
+        case Kind::Null:
+            return "null";
+        case Kind::Boolean:
+            return "boolean";
+        case Kind::Number:
+            return "number";
+        case Kind::String:
+            return "string";
+        case Kind::Array:
+            return "array";
+        case Kind::Object:
+            return "object";
+    }
+    return "null";
+}
+
+std::size_t Node::size() const {
+    const auto k = kind();
+    return (k == Kind::Array || k == Kind::Object) ? doc_->entry(index_).count : 0;
+}
+
+bool Node::contains(std::string_view key) const {
+    return isObject() && !member(*this, key).isMissing();
+}
+
+Value Node::toValue() const {
+    if (!doc_) {
+        return Value();
+    }
+    const auto& e = doc_->entry(index_);
+    switch (e.kind) {
+        case Kind::Null:
+            return Value();
+        case Kind::Boolean:
+            return Value(e.flag);
+        case Kind::Number:
+            switch (e.number) {
+                case Document::Number::Integer:
+                    return Value(e.value.i);
+                case Document::Number::Unsigned:
+                    return Value(e.value.u);
+                case Document::Number::Float:
+                    return Value(e.value.d);
+            }
+            return Value();
+        case Kind::String:
+            return Value(doc_->stringOf(e));
+        case Kind::Array: {
+            Value out = Value::array();
+            for (const Node item : items(*this)) {
+                out.push_back(item.toValue());
+            }
+            return out;
+        }
+        case Kind::Object: {
+            Value out = Value::object();
+            for (std::uint32_t i = index_ + 1; i < e.end; i = doc_->entry(i + 1).end) {
+                // Assigned in order, so that the last of equal keys stays, as in a parsed tree.
+                out[doc_->stringOf(doc_->entry(i))] = Node(doc_, i + 1).toValue();
+            }
+            return out;
+        }
+    }
+    return Value();
+}
+
+Items::Iterator& Items::Iterator::operator++() {
+    index_ = doc_->entry(index_).end;
+    return *this;
+}
+
+Node member(const Node& obj, std::string_view key) {
+    if (obj.isMissing()) {
+        return obj;
+    }
+    if (!obj.isObject()) {
+        coerce::wrongKind("an object", kindName(obj));
+    }
+    const Document& doc = *obj.doc_;
+    const auto end = doc.entry(obj.index_).end;
+    std::optional<std::uint32_t> found;
+    for (std::uint32_t i = obj.index_ + 1; i < end; i = doc.entry(i + 1).end) {
+        const auto& k = doc.entry(i);
+        const bool equal = k.escaped ? doc.stringOf(k) == key : doc.raw(k) == key;
+        if (equal) {
+            found = i + 1;  // the last of equal keys wins
+        }
+    }
+    return found ? Node(&doc, *found) : Node();
+}
+
+Items items(const Node& arr) {
+    Items range;
+    if (arr.isMissing()) {
+        return range;
+    }
+    if (!arr.isArray()) {
+        coerce::wrongKind("an array", kindName(arr));
+    }
+    const auto& e = arr.doc_->entry(arr.index_);
+    range.doc_ = arr.doc_;
+    range.first_ = arr.index_ + 1;
+    range.end_ = e.end;
+    range.count_ = e.count;
+    return range;
+}
+
+Node element(const Node& arr, std::size_t index) {
+    if (arr.isMissing()) {
+        return arr;
+    }
+    const auto range = items(arr);
+    if (index >= range.size()) {
+        throw StructureError("index " + std::to_string(index) + " beyond the end of an array of " +
+                             std::to_string(range.size()) + " elements");
+    }
+    auto it = range.begin();
+    for (std::size_t k = 0; k < index; ++k) {
+        ++it;
+    }
+    return *it;
+}
+
+std::optional<std::string> stringValue(const Node& v) {
+    if (v.isMissing()) {
+        return std::nullopt;
+    }
+    if (!v.isString()) {
+        coerce::wrongKind("a string", kindName(v));
+    }
+    return v.doc_->stringOf(v.doc_->entry(v.index_));
+}
+
+std::int64_t integerValue(const Node& v) {
+    if (v.isMissing()) {
+        return 0;
+    }
+    const auto& e = v.doc_->entry(v.index_);
+    switch (e.kind) {
+        case Kind::Null:
+            // A null the answer holds has no number to give; only an absent member reads as 0.
+            coerce::wrongKind("a number", "null");
+        case Kind::Number:
+            switch (e.number) {
+                case Document::Number::Integer:
+                    return e.value.i;
+                case Document::Number::Unsigned: {
+                    constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+                    return e.value.u > static_cast<std::uint64_t>(kMax)
+                               ? kMax
+                               : static_cast<std::int64_t>(e.value.u);
+                }
+                case Document::Number::Float:
+                    return coerce::saturatingTruncate(e.value.d);
+            }
+            return 0;
+        case Kind::Boolean:
+            return e.flag ? 1 : 0;
+        case Kind::String:
+            return e.escaped ? coerce::integerFromText(v.doc_->stringOf(e))
+                             : coerce::integerFromText(v.doc_->raw(e));
+        default:
+            return 0;
+    }
+}
+
+double doubleValue(const Node& v) {
+    if (v.isMissing()) {
+        return 0;
+    }
+    const auto& e = v.doc_->entry(v.index_);
+    switch (e.kind) {
+        case Kind::Null:
+            coerce::wrongKind("a number", "null");
+        case Kind::Number:
+            switch (e.number) {
+                case Document::Number::Integer:
+                    return static_cast<double>(e.value.i);
+                case Document::Number::Unsigned:
+                    return static_cast<double>(e.value.u);
+                case Document::Number::Float:
+                    return e.value.d;
+            }
+            return 0;
+        case Kind::Boolean:
+            return e.flag ? 1.0 : 0.0;
+        case Kind::String:
+            return e.escaped ? coerce::doubleFromText(v.doc_->stringOf(e))
+                             : coerce::doubleFromText(v.doc_->raw(e));
+        default:
+            return 0;
+    }
+}
+
+std::optional<std::string> textualForm(const Node& v) {
+    if (v.isMissing()) {
+        return std::nullopt;
+    }
+    const auto& e = v.doc_->entry(v.index_);
+    if (e.kind == Kind::String) {
+        return v.doc_->stringOf(e);
+    }
+    return json::textualForm(v.toValue());
+}
+
+}  // namespace sorvan::json
