@@ -169,6 +169,7 @@ struct Transfer {
     SteadyClock::duration deadlineInterval{};
     SteadyClock::time_point deadline{};
     std::size_t maxBody = 0;
+    bool storable = true;       // a 200 answer may go into the cache
     bool bodyTooLarge = false;  // ended by the body's limit
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
@@ -258,7 +259,8 @@ struct Transfer {
         }
         HTTPURLResponse response{finalURL ? std::move(*finalURL) : std::move(url),
                                  static_cast<int>(status), std::move(responseHeaders)};
-        return Outcome{std::move(body), std::move(response), std::nullopt, status == 200,
+        return Outcome{std::move(body), std::move(response), std::nullopt,
+                       storable && status == 200,
                        status == 304 ? std::move(revalidating) : nullptr};
     }
 };
@@ -802,6 +804,7 @@ Prepared prepare(const URLSessionConfiguration& config, const URLRequest& reques
     deadline = std::min(deadline, kLongest);
     t->deadlineInterval = std::chrono::duration_cast<SteadyClock::duration>(deadline);
     t->maxBody = request.maximumBodySize();
+    t->storable = request.allowsStoringResponse();
     t->revalidating = std::move(stale);
     return Prepared{nullptr, std::nullopt, std::move(t)};
 }

@@ -340,6 +340,21 @@ TEST_F(URLSessionTest, OnlySuccessfulAnswersAreCached) {
     EXPECT_FALSE(URLCache::shared().cachedData(url("/echo")).has_value());
 }
 
+TEST_F(URLSessionTest, ARequestThatForbidsStoringLeavesTheCacheAsItWas) {
+    for (bool viaTask : {true, false}) {
+        URLCache::shared().removeAllCachedResponses();
+        URLRequest request(url(viaTask ? "/echo?task" : "/echo?blocking"));
+        request.setAllowsStoringResponse(false);
+        const auto answer = run(viaTask, request);
+        ASSERT_TRUE(answer.data.has_value()) << way(viaTask);
+        EXPECT_FALSE(URLCache::shared().cachedData(request.url()).has_value()) << way(viaTask);
+        // The same request with storing allowed is kept as before.
+        request.setAllowsStoringResponse(true);
+        run(viaTask, request);
+        EXPECT_TRUE(URLCache::shared().cachedData(request.url()).has_value()) << way(viaTask);
+    }
+}
+
 TEST_F(URLSessionTest, CacheReadsBackFromDiskAndIgnoresDamagedFiles) {
     URL address = url("/echo?disk=1");
     FetchResult loaded = fetch(address);

@@ -66,6 +66,10 @@ class SORVAN_EXPORT URLRequest {
     void setMaximumBodySize(std::size_t bytes) { maximumBodySize_ = bytes; }
     CachePolicy cachePolicy() const { return cachePolicy_; }
     void setCachePolicy(CachePolicy p) { cachePolicy_ = p; }
+    /// Whether a 200 answer to this request may be stored in the cache (default true). An
+    /// answer no request will ever read back (one that is never fresh) is better not written.
+    bool allowsStoringResponse() const { return allowsStoringResponse_; }
+    void setAllowsStoringResponse(bool allows) { allowsStoringResponse_ = allows; }
 
   private:
     URL url_;
@@ -75,6 +79,7 @@ class SORVAN_EXPORT URLRequest {
     std::chrono::duration<double> deadline_{300.0};
     std::size_t maximumBodySize_ = 64 * 1024 * 1024;
     CachePolicy cachePolicy_ = CachePolicy::UseProtocolCachePolicy;
+    bool allowsStoringResponse_ = true;
 };
 
 /// The HTTP response of a completed transfer.
