@@ -199,7 +199,8 @@ void BM_SearchDecode(benchmark::State& state) {
         requestFor(kSearchPath, client.optionsSearchQuery("siam", &searchOptions(), kNear)));
     std::size_t hits = 0;
     for (auto _ : state) {
-        hits = services::readPins(*json::parse(body).value, "siam", kNear).size();
+        hits =
+            services::readPins(json::Document::parse(body, nullptr)->root(), "siam", kNear).size();
     }
     if (hits == 0) {
         state.SkipWithError("no hits");
@@ -217,8 +218,8 @@ void BM_RouteDecode(benchmark::State& state) {
     std::string path = curl.get(requestFor(kPathPath, "id=" + std::to_string(id)));
     std::size_t steps = 0;
     for (auto _ : state) {
-        auto head = services::readRouteHead(std::move(*json::parse(guide).value));
-        auto lines = services::readPolylines(*json::parse(path).value, head.id);
+        auto head = services::readRouteHead(json::Document::parse(guide, nullptr));
+        auto lines = services::readPolylines(json::Document::parse(path, nullptr)->root(), head.id);
         steps = services::joinGuide(head.routeJson, lines).size();
     }
     if (steps == 0) {
@@ -227,10 +228,35 @@ void BM_RouteDecode(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(guide.size() + path.size());
 }
 
+// Parsing alone, the same route answers: into a tree of nlohmann values as the tags and events
+// feeds are read, and into the flat document the search and route clients read.
+void BM_ParseRouteAnswers(benchmark::State& state) {
+    services::RouteClient client(settings());
+    SMRouteOptions options;
+    Curl curl;
+    std::string guide = curl.get(requestFor(kGuidePath, client.guideQuery(kFrom, kTo, &options)));
+    auto id = nlohmann::json::parse(guide)["data"][0]["id"].get<long long>();
+    std::string path = curl.get(requestFor(kPathPath, "id=" + std::to_string(id)));
+    const bool tree = state.range(0) == 0;
+    for (auto _ : state) {
+        if (tree) {
+            benchmark::DoNotOptimize(json::parse(guide));
+            benchmark::DoNotOptimize(json::parse(path));
+        } else {
+            benchmark::DoNotOptimize(json::Document::parse(guide, nullptr));
+            benchmark::DoNotOptimize(json::Document::parse(path, nullptr));
+        }
+    }
+    state.SetLabel(tree ? "tree" : "document");
+    state.SetBytesProcessed(
+        static_cast<std::int64_t>(state.iterations() * (guide.size() + path.size())));
+}
+
 BENCHMARK(BM_SearchPaired)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_RoutePaired)->Unit(benchmark::kMicrosecond)->UseRealTime();
 BENCHMARK(BM_SearchDecode)->Unit(benchmark::kMicrosecond);
 BENCHMARK(BM_RouteDecode)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_ParseRouteAnswers)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
 
 // Prints the usual table, then a summary per call from the medians when the run repeats
 // (--benchmark_repetitions) and from the single runs otherwise.

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "foundation/json_access.hpp"
+#include "foundation/json_document.hpp"
 #include "services/service_client.hpp"
 
 namespace sorvan {
@@ -23,23 +23,24 @@ using Polylines = std::vector<std::shared_ptr<map::Polyline>>;
 
 /// One pin per hit. A fault in the structure is logged as the search's failure (with keyword
 /// and position) and ends the walk; the hits before it are returned.
-Pins readPins(const json::Value& root, const std::string& keyword, map::Coordinate position);
+Pins readPins(json::Node root, const std::string& keyword, map::Coordinate position);
 /// The "w" of every suggestion, with the same rule for a fault.
-Words readWords(const json::Value& root, const std::string& keyword);
+Words readWords(json::Node root, const std::string& keyword);
 
 /// The figures and id of a guide answer, and the route object the steps are read from later.
 struct RouteHead {
     std::shared_ptr<SMRouteResult> route;
-    json::Value routeJson;  // an empty object when the answer had no "data"
+    std::shared_ptr<const json::Document> answer;  // keeps routeJson readable
+    json::Node routeJson;                          // an empty object when the answer had no "data"
     std::int64_t id = 0;
 };
 /// Throws (json::StructureError) for an answer whose route cannot be read.
-RouteHead readRouteHead(json::Value root);
+RouteHead readRouteHead(std::shared_ptr<const json::Document> answer);
 /// One polyline per point list. A fault is logged as the path's failure and ends the walk.
-Polylines readPolylines(const json::Value& root, std::int64_t routeId);
+Polylines readPolylines(json::Node root, std::int64_t routeId);
 /// The steps, with one polyline each when lines holds exactly one per step, none otherwise.
 /// Throws for steps of the wrong kind.
-std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(const json::Value& routeJson,
+std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(json::Node routeJson,
                                                      const std::optional<Polylines>& lines);
 
 }  // namespace sorvan::services

@@ -7,7 +7,7 @@
 #include <optional>
 #include <utility>
 
-#include "foundation/json_access.hpp"
+#include "foundation/json_document.hpp"
 #include "services/service_task_access.hpp"
 #include "sorvan/platform/foundation/url_session.hpp"
 
@@ -16,8 +16,8 @@ namespace sorvan::services {
 /// Runs on the session queue with the decoded answer, or with the transport's error, or with
 /// a CannotParseResponse error carrying the decoder's description. A missing request (a base
 /// that is no URL) reports BadURL, also on the session queue.
-using JSONHandler =
-    std::function<void(std::optional<json::Value> root, std::optional<net::Error> error)>;
+using Answer = std::shared_ptr<const json::Document>;
+using JSONHandler = std::function<void(Answer answer, std::optional<net::Error> error)>;
 
 /// Starts the GET; its handler runs once. Returns the request's task (null for a missing
 /// request), which may be cancelled: the handler then runs with a Cancelled error.
@@ -30,14 +30,13 @@ enum class FailureLog { AfterBlock, BeforeBlock };
 
 /// The handler of a call with one result block, as a step of task: a cancelled call reads,
 /// logs and calls nothing. A failure reaches block as (empty, error) and log(description), in
-/// the order given; an answer goes to answer(root, block), which hands block its result.
+/// the order given; an answer goes to answer(document, block), which hands block its result.
 /// block may be empty: a failure is then only logged, and answer still runs.
-template <typename Block, typename Log, typename Answer>
+template <typename Block, typename Log, typename Read>
 JSONHandler resultHandler(std::shared_ptr<SMServiceTask> task, Block block, Log log,
-                          FailureLog order, Answer answer) {
+                          FailureLog order, Read answer) {
     return [task = std::move(task), block = std::move(block), log = std::move(log), order,
-            answer = std::move(answer)](std::optional<json::Value> root,
-                                        std::optional<net::Error> error) mutable {
+            answer = std::move(answer)](Answer root, std::optional<net::Error> error) mutable {
         Step step(*task);
         if (!step) {
             return;
@@ -56,7 +55,7 @@ JSONHandler resultHandler(std::shared_ptr<SMServiceTask> task, Block block, Log 
             }
             return;
         }
-        answer(*root, result);
+        answer(root, result);
     };
 }
 

@@ -33,37 +33,41 @@ void logPathError(std::int64_t routeId, const std::string& description) {
 // route (every figure 0, id 0, no steps): an empty object stands in for it, so the reads below
 // stay the same for both. A "data" that is present but not a non-empty array, or a route that
 // is not an object (a null included), is a fault, raised when the route is read.
-json::Value routeOf(json::Value& root) {
-    if (root.is_object() && !root.contains("data")) {
-        return json::Value::object();
+json::Node routeOf(const json::Node& root) {
+    if (root.isObject() && !root.contains("data")) {
+        return json::Document::emptyObject().root();
     }
-    json::element(json::member(root, "data"), 0);  // raises for anything but a non-empty list
-    return std::move(root["data"][0]);
+    // Raises for anything but a non-empty list.
+    return json::element(json::member(root, "data"), 0);
 }
 
-double routeDouble(const json::Value& route, const char* key) {
+double routeDouble(const json::Node& route, const char* key) {
     return json::doubleValue(json::member(route, key));
 }
 
-std::int64_t routeInteger(const json::Value& route, const char* key) {
+std::int64_t routeInteger(const json::Node& route, const char* key) {
     return json::integerValue(json::member(route, key));
 }
 
-std::string textOf(const json::Value& v) {
-    if (v.is_string()) {
-        return v.get<std::string>();
+std::string textOf(const json::Node& v) {
+    switch (v.kind()) {
+        case json::Kind::String:
+            return *json::stringValue(v);
+        case json::Kind::Null:
+            return std::string();
+        default:
+            return v.toValue().dump();
     }
-    return v.is_null() ? std::string() : v.dump();
 }
 
-std::shared_ptr<map::Polyline> polylineOf(const json::Value& step) {
-    if (!step.is_array()) {
-        throw json::StructureError("a point list of kind " + std::string(step.type_name()) +
+std::shared_ptr<map::Polyline> polylineOf(const json::Node& step) {
+    if (!step.isArray()) {
+        throw json::StructureError("a point list of kind " + std::string(step.typeName()) +
                                    " where an array was expected");
     }
     std::vector<map::Coordinate> buffer;
     buffer.reserve(step.size());
-    for (const auto& point : step) {
+    for (const json::Node point : json::items(step)) {
         buffer.push_back({json::doubleValue(json::member(point, "lat")),
                           json::doubleValue(json::member(point, "lon"))});
     }
@@ -72,9 +76,10 @@ std::shared_ptr<map::Polyline> polylineOf(const json::Value& step) {
 
 }  // namespace
 
-RouteHead readRouteHead(json::Value root) {
+RouteHead readRouteHead(std::shared_ptr<const json::Document> answer) {
     RouteHead head;
-    head.routeJson = routeOf(root);
+    head.routeJson = routeOf(answer->root());
+    head.answer = std::move(answer);
     head.route = std::make_shared<SMRouteResult>();
     head.route->setFDistance(routeDouble(head.routeJson, "fdistance"));
     head.route->setTDistance(routeDouble(head.routeJson, "tdistance"));
@@ -86,13 +91,13 @@ RouteHead readRouteHead(json::Value root) {
 
 // Joins the route's steps with the path's polylines. Geometry is used only when there is one
 // polyline per step; otherwise every step keeps its empty polyline.
-std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(const json::Value& route,
+std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(json::Node route,
                                                      const std::optional<Polylines>& lines) {
     std::vector<std::shared_ptr<SMRouteGuide>> guides;
-    const auto& steps = json::arrayItems(json::member(route, "guide"));
+    const auto steps = json::items(json::member(route, "guide"));
     bool withGeometry = lines && lines->size() == steps.size();
-    for (std::size_t i = 0; i < steps.size(); ++i) {
-        const auto& step = steps[i];
+    std::size_t i = 0;
+    for (const json::Node step : steps) {
         auto guide = std::make_shared<SMRouteGuide>();
         guide->setName(textOf(json::member(step, "name")));
         guide->setDistance(json::integerValue(json::member(step, "distance")));
@@ -105,14 +110,15 @@ std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(const json::Value& route,
             guide->setTurn(SMRouteGuide::turnForServiceCode(code));
         }
         guides.push_back(std::move(guide));
+        ++i;
     }
     return guides;
 }
 
-Polylines readPolylines(const json::Value& root, std::int64_t routeId) {
+Polylines readPolylines(json::Node root, std::int64_t routeId) {
     Polylines polylines;
     try {
-        for (const auto& step : json::arrayItems(json::member(root, "data"))) {
+        for (const json::Node step : json::items(json::member(root, "data"))) {
             polylines.push_back(polylineOf(step));
         }
     } catch (const std::exception& e) {
@@ -160,51 +166,51 @@ std::shared_ptr<SMServiceTask> RouteClient::routeFrom(map::Coordinate from, map:
     auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kGuidePath, guideQuery(from, to, options));
     RouteClient self = *this;
-    auto transfer =
-        fetchJSON(std::move(request),
-                  resultHandler(
-                      task, std::move(result),
-                      [from, to](const std::string& why) { logRouteError(from, to, why); },
-                      FailureLog::AfterBlock,
-                      [self, task, from, to](json::Value& root, const SMRouteResultBlock& block) {
-                          RouteHead head;
-                          try {
-                              head = readRouteHead(std::move(root));
-                          } catch (const std::exception& e) {
-                              // A malformed answer gives the caller neither a route nor an error
-                              // object, and no path request is made.
-                              if (block) {
-                                  block(nullptr, std::nullopt);
-                              }
-                              logRouteError(from, to, e.what());
-                              return;
-                          }
-                          // The path request belongs to the same call: cancelling the route ends it
-                          // too.
-                          self.requestPath(
-                              task, head.id,
-                              [from, to, route = head.route, routeJson = std::move(head.routeJson),
-                               block](const auto& polylines, const std::optional<net::Error>&) {
-                                  // A failed path request still yields the route, without geometry.
-                                  std::vector<std::shared_ptr<SMRouteGuide>> guides;
-                                  try {
-                                      guides = joinGuide(routeJson, polylines);
-                                  } catch (const std::exception& e) {
-                                      // Steps of the wrong kind after a well-formed route head:
-                                      // reported like a malformed answer rather than taking the
-                                      // session queue down.
-                                      if (block) {
-                                          block(nullptr, std::nullopt);
-                                      }
-                                      logRouteError(from, to, e.what());
-                                      return;
-                                  }
-                                  route->setGuide(std::move(guides));
-                                  if (block) {
-                                      block(route, std::nullopt);
-                                  }
-                              });
-                      }));
+    auto transfer = fetchJSON(
+        std::move(request),
+        resultHandler(
+            task, std::move(result),
+            [from, to](const std::string& why) { logRouteError(from, to, why); },
+            FailureLog::AfterBlock,
+            [self, task, from, to](const Answer& answer, const SMRouteResultBlock& block) {
+                RouteHead head;
+                try {
+                    head = readRouteHead(answer);
+                } catch (const std::exception& e) {
+                    // A malformed answer gives the caller neither a route nor an error
+                    // object, and no path request is made.
+                    if (block) {
+                        block(nullptr, std::nullopt);
+                    }
+                    logRouteError(from, to, e.what());
+                    return;
+                }
+                // The path request belongs to the same call: cancelling the route ends it
+                // too.
+                self.requestPath(task, head.id,
+                                 [from, to, head, block](const auto& polylines,
+                                                         const std::optional<net::Error>&) {
+                                     // A failed path request still yields the route, without
+                                     // geometry.
+                                     std::vector<std::shared_ptr<SMRouteGuide>> guides;
+                                     try {
+                                         guides = joinGuide(head.routeJson, polylines);
+                                     } catch (const std::exception& e) {
+                                         // Steps of the wrong kind after a well-formed route head:
+                                         // reported like a malformed answer rather than taking the
+                                         // session queue down.
+                                         if (block) {
+                                             block(nullptr, std::nullopt);
+                                         }
+                                         logRouteError(from, to, e.what());
+                                         return;
+                                     }
+                                     head.route->setGuide(std::move(guides));
+                                     if (block) {
+                                         block(head.route, std::nullopt);
+                                     }
+                                 });
+            }));
     ServiceTaskAccess::attach(*task, std::move(transfer));
     return task;
 }
@@ -228,8 +234,8 @@ void RouteClient::requestPath(const std::shared_ptr<SMServiceTask>& task, std::i
             [routeId](const std::string& why) { logPathError(routeId, why); },
             // Logged before the caller hears of it: the reverse of the guide request's order.
             FailureLog::BeforeBlock,
-            [routeId](const json::Value& root, const SMPathResult& block) {
-                auto polylines = readPolylines(root, routeId);
+            [routeId](const Answer& answer, const SMPathResult& block) {
+                auto polylines = readPolylines(answer->root(), routeId);
                 if (block) {
                     block(std::move(polylines), std::nullopt);
                 }

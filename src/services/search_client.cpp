@@ -31,17 +31,17 @@ void logSuggestError(const std::string& keyword, const std::string& description)
 }
 
 // A member taken as decoded: strings as they are, other values in their JSON text.
-std::optional<std::string> decodedText(const json::Value& v) {
-    if (v.is_null()) {
-        return std::nullopt;
+std::optional<std::string> decodedText(const json::Node& v) {
+    switch (v.kind()) {
+        case json::Kind::Null:
+            return std::nullopt;
+        case json::Kind::String:
+            return json::stringValue(v);
+        case json::Kind::Boolean:
+            return json::integerValue(v) ? "1" : "0";
+        default:
+            return v.toValue().dump();
     }
-    if (v.is_string()) {
-        return v.get<std::string>();
-    }
-    if (v.is_boolean()) {
-        return v.get<bool>() ? "1" : "0";
-    }
-    return v.dump();
 }
 
 // Text lengths are counted in UTF-16 units, as the icon names always were.
@@ -69,7 +69,7 @@ std::string dropLastUnits(const std::string& s, std::size_t units) {
     return s.substr(0, end);
 }
 
-std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Value& hit) {
+std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Node& hit) {
     auto pin = std::make_shared<SMPinAnnotation>();
     pin->setPoiid(decodedText(json::member(hit, "id")));
     pin->setName(decodedText(json::member(hit, "name")));
@@ -88,10 +88,10 @@ std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Value& hit) {
 
 // The hits before a fault in the answer's structure are still a result: the fault is only
 // logged (with its reason) and the walk stops there.
-Pins readPins(const json::Value& root, const std::string& keyword, map::Coordinate position) {
+Pins readPins(json::Node root, const std::string& keyword, map::Coordinate position) {
     Pins pins;
     try {
-        for (const auto& hit : json::arrayItems(json::member(root, "data"))) {
+        for (const json::Node hit : json::items(json::member(root, "data"))) {
             pins.push_back(pinFromHit(hit));
         }
     } catch (const std::exception& e) {
@@ -100,13 +100,13 @@ Pins readPins(const json::Value& root, const std::string& keyword, map::Coordina
     return pins;
 }
 
-Words readWords(const json::Value& root, const std::string& keyword) {
+Words readWords(json::Node root, const std::string& keyword) {
     Words words;
     try {
-        for (const auto& item : json::arrayItems(json::member(root, "data"))) {
-            const auto& word = json::member(item, "w");
+        for (const json::Node item : json::items(json::member(root, "data"))) {
+            const json::Node word = json::member(item, "w");
             // A suggestion without a word cannot be put in the list; it ends the walk.
-            if (!item.contains("w")) {
+            if (word.isMissing()) {
                 throw json::StructureError("a suggestion without \"w\"");
             }
             words.push_back(decodedText(word).value_or(""));
@@ -158,8 +158,9 @@ std::shared_ptr<SMServiceTask> SearchClient::searchWithKeyword(const std::string
     auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kSearchPath, searchQuery(keyword, coordinate));
     auto transfer = fetchJSON(
-        std::move(request), [task, keyword, coordinate, onMain = std::move(onMain)](
-                                std::optional<json::Value> root, std::optional<net::Error> error) {
+        std::move(request),
+        [task, keyword, coordinate, onMain = std::move(onMain)](
+            std::shared_ptr<const json::Document> answer, std::optional<net::Error> error) {
             Step step(*task);
             if (!step) {
                 return;
@@ -169,7 +170,7 @@ std::shared_ptr<SMServiceTask> SearchClient::searchWithKeyword(const std::string
                 logSearchError(keyword, coordinate, error->localizedDescription);
                 return;
             }
-            auto pins = readPins(*root, keyword, coordinate);
+            auto pins = readPins(answer->root(), keyword, coordinate);
             dispatch::RunLoop::main().async([task, onMain, pins = std::move(pins)] {
                 Step onMainStep(*task);
                 if (onMainStep && onMain) {
@@ -185,25 +186,25 @@ std::shared_ptr<SMServiceTask> SearchClient::suggestWithKeyword(const std::strin
                                                                 WordsSink onMain) const {
     auto task = ServiceTaskAccess::create();
     auto request = makeRequest(settings_, kSuggestPath, suggestQuery(keyword, nullptr));
-    auto transfer = fetchJSON(
-        std::move(request), [task, keyword, onMain = std::move(onMain)](
-                                std::optional<json::Value> root, std::optional<net::Error> error) {
-            Step step(*task);
-            if (!step) {
-                return;
+    auto transfer = fetchJSON(std::move(request), [task, keyword, onMain = std::move(onMain)](
+                                                      std::shared_ptr<const json::Document> answer,
+                                                      std::optional<net::Error> error) {
+        Step step(*task);
+        if (!step) {
+            return;
+        }
+        if (error) {
+            logSuggestError(keyword, error->localizedDescription);
+            return;
+        }
+        auto words = readWords(answer->root(), keyword);
+        dispatch::RunLoop::main().async([task, onMain, words = std::move(words)] {
+            Step onMainStep(*task);
+            if (onMainStep && onMain) {
+                onMain(words);
             }
-            if (error) {
-                logSuggestError(keyword, error->localizedDescription);
-                return;
-            }
-            auto words = readWords(*root, keyword);
-            dispatch::RunLoop::main().async([task, onMain, words = std::move(words)] {
-                Step onMainStep(*task);
-                if (onMainStep && onMain) {
-                    onMain(words);
-                }
-            });
         });
+    });
     ServiceTaskAccess::attach(*task, std::move(transfer));
     return task;
 }
@@ -229,8 +230,8 @@ std::shared_ptr<SMServiceTask> SearchClient::searchKeyword(const std::string& ke
             [keyword, position](const std::string& why) { logSearchError(keyword, position, why); },
             // The caller hears of a failure before it is logged.
             FailureLog::AfterBlock,
-            [keyword, position](const json::Value& root, const SMSearchResult& block) {
-                auto pins = readPins(root, keyword, position);
+            [keyword, position](const Answer& answer, const SMSearchResult& block) {
+                auto pins = readPins(answer->root(), keyword, position);
                 if (block) {
                     block(std::move(pins), std::nullopt);
                 }
@@ -250,8 +251,8 @@ std::shared_ptr<SMServiceTask> SearchClient::suggestKeyword(const std::string& k
                       task, std::move(result),
                       [keyword](const std::string& why) { logSuggestError(keyword, why); },
                       FailureLog::AfterBlock,
-                      [keyword](const json::Value& root, const SMSuggestResult& block) {
-                          auto words = readWords(root, keyword);
+                      [keyword](const Answer& answer, const SMSuggestResult& block) {
+                          auto words = readWords(answer->root(), keyword);
                           if (block) {
                               block(std::move(words), std::nullopt);
                           }

@@ -106,11 +106,12 @@ std::shared_ptr<net::DataTask> fetchJSON(std::optional<net::URLRequest> request,
     auto& session = net::URLSession::shared();
     if (!request) {
         session.delegateQueue().async([handler = std::move(handler)] {
-            handler(std::nullopt, net::Error{net::Error::Code::BadURL, "unsupported URL", {}});
+            handler(nullptr, net::Error{net::Error::Code::BadURL, "unsupported URL", {}});
         });
         return nullptr;
     }
     request->setMaximumBodySize(kMaxAnswerBytes);
+    request->setAllowsStoringResponse(false);
     if (double idle = idleTimeoutSeconds; idle > 0) {
         request->setTimeoutInterval(std::chrono::duration<double>(idle));
     }
@@ -121,19 +122,20 @@ std::shared_ptr<net::DataTask> fetchJSON(std::optional<net::URLRequest> request,
                                           const std::optional<net::Error>& error) {
         noteAnswer(response);
         if (error) {
-            handler(std::nullopt, error);
+            handler(nullptr, error);
             return;
         }
         std::string_view bytes;
         if (data) {
             bytes = std::string_view(reinterpret_cast<const char*>(data->data()), data->size());
         }
-        auto parsed = json::parse(bytes);
-        if (!parsed.value) {
-            handler(std::nullopt, parseError(parsed.errorDescription));
+        std::string why;
+        auto answer = json::Document::parse(bytes, &why);
+        if (!answer) {
+            handler(nullptr, parseError(why));
             return;
         }
-        handler(std::move(parsed.value), std::nullopt);
+        handler(std::move(answer), std::nullopt);
     });
 }
 
