@@ -121,10 +121,10 @@ TEST(SwitchableSource, AReplayThatEndsLeavesItsLastPositionAndTheRelayGoesOn) {
                "$GPGGA,080002,1346.200,N,10030.000,E,1,08,0.9,5.0,M,,M,,\n";
     }
     auto replay = ReplaySource::create({dir.file("short.nmea"), 0, false});
-    // Listened to directly too, to learn when it has ended.
-    Listener direct(*replay);
     auto relay = SwitchableSource::create(replay);
-    Listener listener(*relay);
+    Listener listener(*relay);  // starts the replay
+    // Listened to directly too, to learn when it has ended (a finished source says so at once).
+    Listener direct(*replay);
     ASSERT_TRUE(waitFor([&] { return direct.finished(); }));
     ASSERT_EQ(listener.seen().size(), 3u);
     EXPECT_NEAR(listener.seen().back(), 13.77, 1e-9);
