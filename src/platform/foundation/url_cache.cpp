@@ -817,6 +817,19 @@ std::shared_ptr<const CacheEntry> URLCacheAccess::lookup(const URLCache& cache, 
     return cache.impl_->lookup(url.absoluteString(), cache.diskPath());
 }
 
+std::size_t URLCacheAccess::pendingBytes(const URLCache& cache) {
+    std::lock_guard lock(cache.impl_->mutex);
+    return cache.impl_->pendingBytes;
+}
+
+std::size_t URLCacheAccess::maxPendingBytes() {
+    return kMaxPendingBytes;
+}
+
+void URLCacheAccess::onWriter(URLCache& cache, std::function<void()> task) {
+    cache.impl_->writer.async(std::move(task));
+}
+
 void URLCache::removeCachedResponse(const URL& url) {
     impl_->remove(url.absoluteString(), diskPath());
 }

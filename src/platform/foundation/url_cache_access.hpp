@@ -3,6 +3,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,6 +47,14 @@ struct URLCacheAccess {
     /// body and status, its headers updated by the 304's, confirmed now.
     static std::shared_ptr<const CacheEntry> revalidated(URLCache& cache, const CacheEntry& stored,
                                                          const HTTPURLResponse& notModified);
+
+    // For tests of the backlog of writes. The bytes the cache counts against its backlog cap
+    // (bodies plus a fixed allowance per answer), the cap itself, and a task queued on the
+    // writer's thread: a task that blocks holds back every write the writer would make, as a
+    // busy machine does.
+    static std::size_t pendingBytes(const URLCache& cache);
+    static std::size_t maxPendingBytes();
+    static void onWriter(URLCache& cache, std::function<void()> task);
 };
 
 }  // namespace sorvan::net

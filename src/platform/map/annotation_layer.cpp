@@ -229,6 +229,24 @@ void AnnotationLayer::setFrameOnPoint(AnnotationView& view, gfx::Rect frame) {
     placing_ = false;
 }
 
+gfx::Rect AnnotationLayer::frameOnPoint(Entry& e, const AnnotationView& v,
+                                        const Projection& project, double scale) {
+    gfx::Point p = project(pointOf(e));
+    gfx::Size s = v.frame().size;
+    gfx::Point o = v.centerOffset();
+    // On whole device pixels: crisp, and a straight copy for image views.
+    return {{std::round((p.x + o.x - s.width / 2) * scale) / scale,
+             std::round((p.y + o.y - s.height / 2) * scale) / scale},
+            s};
+}
+
+bool AnnotationLayer::nearScreen(gfx::Rect f, double width, double height) {
+    // A view's transform may carry it about as far as its own size.
+    double reach = std::max(f.size.width, f.size.height);
+    return !(f.maxX() + reach < 0 || f.maxY() + reach < 0 || f.minX() - reach > width ||
+             f.minY() - reach > height);
+}
+
 void AnnotationLayer::place(const Viewport& viewport) {
     placedFor_ = viewport;
     placed_.clear();
@@ -237,22 +255,17 @@ void AnnotationLayer::place(const Viewport& viewport) {
     double scale = viewport.scale();
     std::size_t order = 0;
     bool sorted = true;
+    // The selected view is placed wherever it is: its bubble may show while it does not (a
+    // bubble larger than the map shows its top-left, its view far below).
+    auto selected = selected_.lock();
+    const Entry* selectedEntry = selected ? entryFor(selected.get()) : nullptr;
     forEachEntry([&](Entry& e) {
         ++order;
         AnnotationView* v = e.view.get();
         if (!v || v->isHidden())
             return;
-        gfx::Point p = project(pointOf(e));
-        gfx::Size s = v->frame().size;
-        gfx::Point o = v->centerOffset();
-        // On whole device pixels: crisp, and a straight copy for image views.
-        gfx::Rect f{{std::round((p.x + o.x - s.width / 2) * scale) / scale,
-                     std::round((p.y + o.y - s.height / 2) * scale) / scale},
-                    s};
-        // A view's transform may carry it about as far as its own size.
-        double reach = std::max(s.width, s.height);
-        if (f.maxX() + reach < 0 || f.maxY() + reach < 0 || f.minX() - reach > width ||
-            f.minY() - reach > height)
+        gfx::Rect f = frameOnPoint(e, *v, project, scale);
+        if (!nearScreen(f, width, height) && &e != selectedEntry)
             return;
         setFrameOnPoint(*v, f);
         double z = v->zPosition();
@@ -497,8 +510,11 @@ bool AnnotationLayer::paintPlainImageView(cairo_t* cr, const cairo_matrix_t& bas
 }
 
 gfx::Point AnnotationLayer::calloutTip(const AnnotationView& view) {
-    gfx::Rect f = view.frame();
-    return {f.midX(), f.minY()};
+    return calloutTip(view.frame());
+}
+
+gfx::Point AnnotationLayer::calloutTip(gfx::Rect viewFrame) {
+    return {viewFrame.midX(), viewFrame.minY()};
 }
 
 AnnotationView* AnnotationLayer::calloutView() {
@@ -566,6 +582,24 @@ void AnnotationLayer::select(const std::shared_ptr<Annotation>& annotation,
     selected_ = annotation;
     view->setSelected(true);
     host_.didSelectAnnotationView(view);
+}
+
+std::optional<AnnotationLayer::CalloutPlacement> AnnotationLayer::calloutPlacement(
+    const Viewport& viewport) {
+    auto selected = selected_.lock();
+    Entry* e = selected ? entryFor(selected.get()) : nullptr;
+    AnnotationView* v = e ? e->view.get() : nullptr;
+    // The same conditions as a drawn bubble's (calloutView), for a frame not placed yet.
+    if (!v || v->isHidden() || !(v->alpha() > 0.01) || !v->canShowCallout())
+        return std::nullopt;
+    callout_.setText(v->calloutTitle().value_or(""), v->calloutSubtitle().value_or(""));
+    if (callout_.isEmpty())
+        return std::nullopt;
+    gfx::Rect f = frameOnPoint(*e, *v, viewport.projection(), viewport.scale());
+    // An annotation selected far away brings no bubble into view.
+    if (!nearScreen(f, viewport.width(), viewport.height()))
+        return std::nullopt;
+    return CalloutPlacement{callout_.frame(calloutTip(f)), f};
 }
 
 void AnnotationLayer::deselect(const std::shared_ptr<Annotation>& annotation) {

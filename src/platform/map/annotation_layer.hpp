@@ -31,6 +31,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <unordered_map>
 #include <vector>
 
@@ -102,8 +103,9 @@ class AnnotationLayer {
     bool isAnimating() const;
 
     // A frame -------------------------------------------------------------------------------
-    /// Puts the shown views near the screen on their points (centre offset applied) and
-    /// orders them for drawing and hit testing. Views far off screen keep their last frame.
+    /// Puts the shown views near the screen (and the selected one) on their points (centre
+    /// offset applied) and orders them for drawing and hit testing. Views far off screen keep
+    /// their last frame.
     void place(const Viewport& viewport);
     /// Draws the placed views, bottom first, in the map view's space, and lets them go: from
     /// the kept picture of the views when the frame is a pan of the last one, else view by
@@ -127,6 +129,16 @@ class AnnotationLayer {
     /// of it, so that the host may undo it.
     void select(const std::shared_ptr<Annotation>& annotation, const Viewport& viewport);
     void deselect(const std::shared_ptr<Annotation>& annotation);
+
+    /// Where the selected view and its callout bubble would stand with viewport, in the map
+    /// view's points.
+    struct CalloutPlacement {
+        gfx::Rect bubble;  // the box, pointer excluded (its tip is on the view's top edge)
+        gfx::Rect view;
+    };
+    /// Null when no bubble would show: nothing selected, a view that cannot show a callout or
+    /// has no callout text, a hidden or transparent view, or one far off the screen.
+    std::optional<CalloutPlacement> calloutPlacement(const Viewport& viewport);
 
   private:
     struct Entry {
@@ -167,6 +179,13 @@ class AnnotationLayer {
     // The selected view among the placed ones when it shows a callout, its text laid out.
     AnnotationView* calloutView();
     static gfx::Point calloutTip(const AnnotationView& view);
+    static gfx::Point calloutTip(gfx::Rect viewFrame);
+    // The frame that puts a view's centre (offset applied) on its annotation's point, on whole
+    // device pixels.
+    gfx::Rect frameOnPoint(Entry& entry, const AnnotationView& view, const Projection& project,
+                           double scale);
+    // Whether a view with this frame may show on a screen of this size.
+    static bool nearScreen(gfx::Rect frame, double width, double height);
     Entry* entryFor(const Annotation* annotation);
     // Moves a view to where its annotation shows, without counting that as a change of what
     // the views show.

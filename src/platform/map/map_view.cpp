@@ -65,6 +65,34 @@ detail::Camera between(const detail::Camera& a, const detail::Camera& b, double 
     return c;
 }
 
+// A callout bubble that opens near an edge moves the map until it shows whole, this far inside
+// the bounds.
+constexpr double kCalloutEdgeMargin = 8;
+
+// How far to move the span [lo, hi) so that it lies within [min, max): not at all when it does,
+// as little as it takes when it does not, and onto its start when it is longer.
+double shiftInto(double lo, double hi, double min, double max) {
+    if (hi - lo > max - min || lo < min)
+        return min - lo;
+    if (hi > max)
+        return max - hi;
+    return 0;
+}
+
+// The move (in the map view's points) that shows a callout whole: the bubble and its view when
+// both fit, else the bubble alone (its top-left when it is larger than the bounds).
+gfx::Point calloutShift(const detail::AnnotationLayer::CalloutPlacement& at, double width,
+                        double height) {
+    auto axis = [](double bubbleLo, double bubbleHi, double viewLo, double viewHi, double extent) {
+        double min = kCalloutEdgeMargin, max = extent - kCalloutEdgeMargin;
+        double lo = std::min(bubbleLo, viewLo), hi = std::max(bubbleHi, viewHi);
+        return hi - lo <= max - min ? shiftInto(lo, hi, min, max)
+                                    : shiftInto(bubbleLo, bubbleHi, min, max);
+    };
+    return {axis(at.bubble.minX(), at.bubble.maxX(), at.view.minX(), at.view.maxX(), width),
+            axis(at.bubble.minY(), at.bubble.maxY(), at.view.minY(), at.view.maxY(), height)};
+}
+
 // The ground under the tiles.
 gfx::Color groundColor(MapType type, bool replacedByTiles) {
     if (replacedByTiles)
@@ -230,6 +258,22 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
                     d->regionDidChangeAnimated(*l->view, animated);
             }
         });
+    }
+
+    // Moves the map so that the selected view's callout shows whole, judged where the map is
+    // going when it is on its way (and then as a change of where it goes). The move is a
+    // change like any other: one will and, once complete, one did.
+    void revealCallout(bool animated) {
+        detail::Viewport at = viewport;
+        if (motion)
+            at.moveTo(motion->target);
+        auto placement = annotations.calloutPlacement(at);
+        if (!placement)
+            return;
+        gfx::Point shift = calloutShift(*placement, at.width(), at.height());
+        if (shift.x == 0 && shift.y == 0)
+            return;
+        moveTo(at.panned(shift.x, shift.y), animated);
     }
 
     // AnnotationLayer::Host
@@ -640,8 +684,14 @@ std::vector<std::shared_ptr<Annotation>> MapView::selectedAnnotations() const {
     return {};
 }
 
-void MapView::selectAnnotation(const std::shared_ptr<Annotation>& annotation, bool) {
-    impl_->annotations.select(annotation, impl_->viewport);
+void MapView::selectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated) {
+    auto& layer = impl_->annotations;
+    if (annotation && layer.selected() == annotation)
+        return;
+    layer.select(annotation, impl_->viewport);
+    // The delegate has heard of the selection: it may have undone it, or changed the callout.
+    if (annotation && layer.selected() == annotation)
+        impl_->revealCallout(animated);
 }
 
 void MapView::deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool) {

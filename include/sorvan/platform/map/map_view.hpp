@@ -134,6 +134,10 @@ class SORVAN_EXPORT MapView : public ui::View {
     std::shared_ptr<AnnotationView> viewForAnnotation(
         const std::shared_ptr<Annotation>& annotation) const;
     std::vector<std::shared_ptr<Annotation>> selectedAnnotations() const;
+    /// Selects an annotation on the map (deselecting any other). When its view shows a callout
+    /// that would be cut off by the map's edge, the map moves (animated or not) until the
+    /// bubble and the view show whole, or the bubble's top-left when it is larger than the map;
+    /// the move announces itself as any region change does.
     void selectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated);
     void deselectAnnotation(const std::shared_ptr<Annotation>& annotation, bool animated);
 
