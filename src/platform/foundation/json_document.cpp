@@ -461,6 +461,15 @@ class Parser {
 };
 
 std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::string* error) {
+    // Offsets into the text are 32-bit; answers are bounded far below that.
+    if (bytes.size() >= std::numeric_limits<std::uint32_t>::max()) {
+        if (error) {
+            *error =
+                "The data couldn't be read because it isn't in the correct format. "
+                "(larger than 4 GiB)";
+        }
+        return nullptr;
+    }
     std::shared_ptr<Document> doc(new Document());
     doc->text_.assign(bytes);
     // A rough guess of the entries, so that the list grows at most once or twice.
@@ -474,7 +483,8 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
         // plain JSON, is read instead of failing a valid answer.
         std::shared_ptr<Document> again(new Document());
         again->text_ = tree.value->dump();
-        if (Parser(*again).run()) {
+        if (again->text_.size() < std::numeric_limits<std::uint32_t>::max() &&
+            Parser(*again).run()) {
             return again;
         }
         if (error) {
