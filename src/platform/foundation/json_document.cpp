@@ -44,7 +44,7 @@ class Parser {
 
   private:
     static constexpr std::size_t kMaxDepth = 256;
-    using Entry = Document::Entry;
+    using Entry = detail::Entry;
 
     Document& doc_;
     const char* p_;
@@ -82,9 +82,9 @@ class Parser {
         }
         switch (*p_) {
             case '{':
-                return object(depth + 1);
+                return container(depth + 1, Kind::Object);
             case '[':
-                return array(depth + 1);
+                return container(depth + 1, Kind::Array);
             case '"':
                 return string();
             case 't':
@@ -109,19 +109,26 @@ class Parser {
         }
     }
 
-    bool array(std::size_t depth) {
+    // An array or an object: its items separated by commas up to the closing bracket, each
+    // item an object's "key": value or an array's value.
+    bool container(std::size_t depth, Kind kind) {
         if (depth > kMaxDepth) {
             return false;
         }
-        const auto index = add(Kind::Array);
+        const bool isObject = kind == Kind::Object;
+        const char closing = isObject ? '}' : ']';
+        const auto index = add(kind);
         ++p_;
         skipSpace();
         std::uint32_t count = 0;
-        if (p_ != end_ && *p_ == ']') {
+        if (p_ != end_ && *p_ == closing) {
             ++p_;
         } else {
             for (;;) {
                 skipSpace();
+                if (isObject && !key()) {
+                    return false;
+                }
                 if (!value(depth)) {
                     return false;
                 }
@@ -130,7 +137,7 @@ class Parser {
                 if (p_ == end_) {
                     return false;
                 }
-                if (*p_ == ']') {
+                if (*p_ == closing) {
                     ++p_;
                     break;
                 }
@@ -145,48 +152,17 @@ class Parser {
         return true;
     }
 
-    bool object(std::size_t depth) {
-        if (depth > kMaxDepth) {
+    // A member's key and its colon, and the space before its value.
+    bool key() {
+        if (p_ == end_ || *p_ != '"' || !string()) {
             return false;
         }
-        const auto index = add(Kind::Object);
+        skipSpace();
+        if (p_ == end_ || *p_ != ':') {
+            return false;
+        }
         ++p_;
         skipSpace();
-        std::uint32_t count = 0;
-        if (p_ != end_ && *p_ == '}') {
-            ++p_;
-        } else {
-            for (;;) {
-                skipSpace();
-                if (p_ == end_ || *p_ != '"' || !string()) {
-                    return false;
-                }
-                skipSpace();
-                if (p_ == end_ || *p_ != ':') {
-                    return false;
-                }
-                ++p_;
-                skipSpace();
-                if (!value(depth)) {
-                    return false;
-                }
-                ++count;
-                skipSpace();
-                if (p_ == end_) {
-                    return false;
-                }
-                if (*p_ == '}') {
-                    ++p_;
-                    break;
-                }
-                if (*p_ != ',') {
-                    return false;
-                }
-                ++p_;
-            }
-        }
-        doc_.entries_[index].count = count;
-        close(index);
         return true;
     }
 
@@ -425,7 +401,7 @@ class Parser {
                 std::int64_t v = 0;
                 const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
                 if (r.ec == std::errc()) {
-                    e.number = Document::Number::Integer;
+                    e.number = detail::Number::Integer;
                     e.value.i = v;
                     return true;
                 }
@@ -433,13 +409,13 @@ class Parser {
                 std::uint64_t v = 0;
                 const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
                 if (r.ec == std::errc()) {
-                    e.number = Document::Number::Unsigned;
+                    e.number = detail::Number::Unsigned;
                     e.value.u = v;
                     return true;
                 }
             }
         }
-        e.number = Document::Number::Float;
+        e.number = detail::Number::Float;
         double d = 0;
         if (exactMantissa && mantissa < (std::uint64_t{1} << 53) && exponent >= -22 &&
             exponent <= 22) {
@@ -580,12 +556,24 @@ const char* kindName(const Node& v) {
 
 }  // namespace
 
-std::string Document::stringOf(const Entry& e) const {
+std::string Document::stringOf(const detail::Entry& e) const {
     return e.escaped ? unescape(raw(e)) : std::string(raw(e));
 }
 
+const detail::Entry& Node::entry() const {
+    return doc_->entry(index_);
+}
+
+std::string_view Node::raw() const {
+    return doc_->raw(entry());
+}
+
+std::string Node::text() const {
+    return doc_->stringOf(entry());
+}
+
 Kind Node::kind() const {
-    return doc_ ? doc_->entry(index_).kind : Kind::Null;
+    return doc_ ? entry().kind : Kind::Null;
 }
 
 const char* Node::typeName() const {
@@ -608,7 +596,7 @@ const char* Node::typeName() const {
 
 std::size_t Node::size() const {
     const auto k = kind();
-    return (k == Kind::Array || k == Kind::Object) ? doc_->entry(index_).count : 0;
+    return (k == Kind::Array || k == Kind::Object) ? entry().count : 0;
 }
 
 bool Node::contains(std::string_view key) const {
@@ -619,7 +607,7 @@ Value Node::toValue() const {
     if (!doc_) {
         return Value();
     }
-    const auto& e = doc_->entry(index_);
+    const auto& e = entry();
     switch (e.kind) {
         case Kind::Null:
             return Value();
@@ -627,16 +615,16 @@ Value Node::toValue() const {
             return Value(e.flag);
         case Kind::Number:
             switch (e.number) {
-                case Document::Number::Integer:
+                case detail::Number::Integer:
                     return Value(e.value.i);
-                case Document::Number::Unsigned:
+                case detail::Number::Unsigned:
                     return Value(e.value.u);
-                case Document::Number::Float:
+                case detail::Number::Float:
                     return Value(e.value.d);
             }
             return Value();
         case Kind::String:
-            return Value(doc_->stringOf(e));
+            return Value(text());
         case Kind::Array: {
             Value out = Value::array();
             for (const Node item : items(*this)) {
@@ -646,9 +634,9 @@ Value Node::toValue() const {
         }
         case Kind::Object: {
             Value out = Value::object();
-            for (std::uint32_t i = index_ + 1; i < e.end; i = doc_->entry(i + 1).end) {
+            for (std::uint32_t i = index_ + 1; i < e.end; i = at(i + 1).entry().end) {
                 // Assigned in order, so that the last of equal keys stays, as in a parsed tree.
-                out[doc_->stringOf(doc_->entry(i))] = Node(doc_, i + 1).toValue();
+                out[at(i).text()] = at(i + 1).toValue();
             }
             return out;
         }
@@ -668,17 +656,16 @@ Node member(const Node& obj, std::string_view key) {
     if (!obj.isObject()) {
         coerce::wrongKind("an object", kindName(obj));
     }
-    const Document& doc = *obj.doc_;
-    const auto end = doc.entry(obj.index_).end;
+    const auto end = obj.entry().end;
     std::optional<std::uint32_t> found;
-    for (std::uint32_t i = obj.index_ + 1; i < end; i = doc.entry(i + 1).end) {
-        const auto& k = doc.entry(i);
-        const bool equal = k.escaped ? doc.stringOf(k) == key : doc.raw(k) == key;
+    for (std::uint32_t i = obj.index_ + 1; i < end; i = obj.at(i + 1).entry().end) {
+        const Node k = obj.at(i);
+        const bool equal = k.entry().escaped ? k.text() == key : k.raw() == key;
         if (equal) {
             found = i + 1;  // the last of equal keys wins
         }
     }
-    return found ? Node(&doc, *found) : Node();
+    return found ? obj.at(*found) : Node();
 }
 
 Items items(const Node& arr) {
@@ -689,7 +676,7 @@ Items items(const Node& arr) {
     if (!arr.isArray()) {
         coerce::wrongKind("an array", kindName(arr));
     }
-    const auto& e = arr.doc_->entry(arr.index_);
+    const auto& e = arr.entry();
     range.doc_ = arr.doc_;
     range.first_ = arr.index_ + 1;
     range.end_ = e.end;
@@ -720,37 +707,36 @@ std::optional<std::string> stringValue(const Node& v) {
     if (!v.isString()) {
         coerce::wrongKind("a string", kindName(v));
     }
-    return v.doc_->stringOf(v.doc_->entry(v.index_));
+    return v.text();
 }
 
 std::int64_t integerValue(const Node& v) {
     if (v.isMissing()) {
         return 0;
     }
-    const auto& e = v.doc_->entry(v.index_);
+    const auto& e = v.entry();
     switch (e.kind) {
         case Kind::Null:
             // A null the answer holds has no number to give; only an absent member reads as 0.
             coerce::wrongKind("a number", "null");
         case Kind::Number:
             switch (e.number) {
-                case Document::Number::Integer:
+                case detail::Number::Integer:
                     return e.value.i;
-                case Document::Number::Unsigned: {
+                case detail::Number::Unsigned: {
                     constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
                     return e.value.u > static_cast<std::uint64_t>(kMax)
                                ? kMax
                                : static_cast<std::int64_t>(e.value.u);
                 }
-                case Document::Number::Float:
+                case detail::Number::Float:
                     return coerce::saturatingTruncate(e.value.d);
             }
             return 0;
         case Kind::Boolean:
             return e.flag ? 1 : 0;
         case Kind::String:
-            return e.escaped ? coerce::integerFromText(v.doc_->stringOf(e))
-                             : coerce::integerFromText(v.doc_->raw(e));
+            return e.escaped ? coerce::integerFromText(v.text()) : coerce::integerFromText(v.raw());
         default:
             return 0;
     }
@@ -760,39 +746,27 @@ double doubleValue(const Node& v) {
     if (v.isMissing()) {
         return 0;
     }
-    const auto& e = v.doc_->entry(v.index_);
+    const auto& e = v.entry();
     switch (e.kind) {
         case Kind::Null:
             coerce::wrongKind("a number", "null");
         case Kind::Number:
             switch (e.number) {
-                case Document::Number::Integer:
+                case detail::Number::Integer:
                     return static_cast<double>(e.value.i);
-                case Document::Number::Unsigned:
+                case detail::Number::Unsigned:
                     return static_cast<double>(e.value.u);
-                case Document::Number::Float:
+                case detail::Number::Float:
                     return e.value.d;
             }
             return 0;
         case Kind::Boolean:
             return e.flag ? 1.0 : 0.0;
         case Kind::String:
-            return e.escaped ? coerce::doubleFromText(v.doc_->stringOf(e))
-                             : coerce::doubleFromText(v.doc_->raw(e));
+            return e.escaped ? coerce::doubleFromText(v.text()) : coerce::doubleFromText(v.raw());
         default:
             return 0;
     }
-}
-
-std::optional<std::string> textualForm(const Node& v) {
-    if (v.isMissing()) {
-        return std::nullopt;
-    }
-    const auto& e = v.doc_->entry(v.index_);
-    if (e.kind == Kind::String) {
-        return v.doc_->stringOf(e);
-    }
-    return json::textualForm(v.toValue());
 }
 
 }  // namespace sorvan::json

@@ -27,6 +27,30 @@ class Items;
 
 enum class Kind : std::uint8_t { Null, Boolean, Number, String, Array, Object };
 
+namespace detail {
+
+/// How a number was written: as the tree parser stores it.
+enum class Number : std::uint8_t { Integer, Unsigned, Float };
+
+/// One value of a document, in document order.
+struct Entry {
+    Kind kind = Kind::Null;
+    Number number = Number::Integer;
+    bool escaped = false;      // a string with backslash escapes in its text
+    bool flag = false;         // a boolean's value
+    std::uint32_t end = 0;     // one past the entry's last descendant
+    std::uint32_t count = 0;   // elements of an array, members of an object
+    std::uint32_t offset = 0;  // a string's text, between its quotes
+    std::uint32_t length = 0;
+    union {
+        std::int64_t i;
+        std::uint64_t u;
+        double d;
+    } value{};
+};
+
+}  // namespace detail
+
 /// One value of a document, or the missing value (what an absent member reads as, as
 /// json::missing() is for trees): a null-like nothing that reads as zeros and empties, unlike a
 /// JSON null in the text, which raises when read as a number or a string.
@@ -43,8 +67,6 @@ class Node {
     bool isObject() const { return kind() == Kind::Object; }
     bool isArray() const { return kind() == Kind::Array; }
     bool isString() const { return kind() == Kind::String; }
-    /// A JSON null of the text (not the missing value).
-    bool isNull() const { return !isMissing() && kind() == Kind::Null; }
 
     /// The number of elements of an array or members of an object, else 0.
     std::size_t size() const;
@@ -63,8 +85,13 @@ class Node {
     friend std::optional<std::string> stringValue(const Node&);
     friend std::int64_t integerValue(const Node&);
     friend double doubleValue(const Node&);
-    friend std::optional<std::string> textualForm(const Node&);
     Node(const Document* doc, std::uint32_t index) : doc_(doc), index_(index) {}
+    // Of a node that is not the missing value: its entry, its text as written (a string's,
+    // between the quotes) and that text decoded; at() is another node of the same document.
+    const detail::Entry& entry() const;
+    std::string_view raw() const;
+    std::string text() const;
+    Node at(std::uint32_t index) const { return Node(doc_, index); }
 
     const Document* doc_ = nullptr;
     std::uint32_t index_ = 0;
@@ -115,37 +142,16 @@ class Document {
     friend class Node;
     friend class Items;
     friend class Parser;
-    friend Node member(const Node&, std::string_view);
-    friend Items items(const Node&);
-    friend std::optional<std::string> stringValue(const Node&);
-    friend std::int64_t integerValue(const Node&);
-    friend double doubleValue(const Node&);
-    friend std::optional<std::string> textualForm(const Node&);
-
-    enum class Number : std::uint8_t { Integer, Unsigned, Float };
-    struct Entry {
-        Kind kind = Kind::Null;
-        Number number = Number::Integer;
-        bool escaped = false;      // a string with backslash escapes in its text
-        bool flag = false;         // a boolean's value
-        std::uint32_t end = 0;     // one past the entry's last descendant
-        std::uint32_t count = 0;   // elements of an array, members of an object
-        std::uint32_t offset = 0;  // a string's text, between its quotes
-        std::uint32_t length = 0;
-        union {
-            std::int64_t i;
-            std::uint64_t u;
-            double d;
-        } value{};
-    };
 
     Document() = default;
     std::string text_;
-    std::vector<Entry> entries_;
+    std::vector<detail::Entry> entries_;
 
-    const Entry& entry(std::uint32_t index) const { return entries_[index]; }
-    std::string_view raw(const Entry& e) const { return {text_.data() + e.offset, e.length}; }
-    std::string stringOf(const Entry& e) const;
+    const detail::Entry& entry(std::uint32_t index) const { return entries_[index]; }
+    std::string_view raw(const detail::Entry& e) const {
+        return {text_.data() + e.offset, e.length};
+    }
+    std::string stringOf(const detail::Entry& e) const;
 };
 
 /// The rules of the same-named functions of json_access.hpp, over a document's nodes.
@@ -160,6 +166,5 @@ Node element(const Node& arr, std::size_t index);
 std::optional<std::string> stringValue(const Node& v);
 std::int64_t integerValue(const Node& v);
 double doubleValue(const Node& v);
-std::optional<std::string> textualForm(const Node& v);
 
 }  // namespace sorvan::json
