@@ -18,6 +18,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <utility>
 
 #include <benchmark/benchmark.h>
 #include <nlohmann/json.hpp>
@@ -208,14 +209,20 @@ void BM_SearchDecode(benchmark::State& state) {
     state.counters["bytes"] = static_cast<double>(body.size());
 }
 
-// The same for a route: the guide's head, the path's polylines and the joined steps.
-void BM_RouteDecode(benchmark::State& state) {
+// The guide and path answers of the benchmarks' route, as the service sends them.
+std::pair<std::string, std::string> routeAnswers() {
     services::RouteClient client(settings());
     SMRouteOptions options;
     Curl curl;
     std::string guide = curl.get(requestFor(kGuidePath, client.guideQuery(kFrom, kTo, &options)));
     auto id = nlohmann::json::parse(guide)["data"][0]["id"].get<long long>();
     std::string path = curl.get(requestFor(kPathPath, "id=" + std::to_string(id)));
+    return {guide, path};
+}
+
+// The same for a route: the guide's head, the path's polylines and the joined steps.
+void BM_RouteDecode(benchmark::State& state) {
+    const auto [guide, path] = routeAnswers();
     std::size_t steps = 0;
     for (auto _ : state) {
         auto head = services::readRouteHead(json::Document::parse(guide, nullptr));
@@ -231,12 +238,7 @@ void BM_RouteDecode(benchmark::State& state) {
 // Parsing alone, the same route answers: into a tree of nlohmann values as the tags and events
 // feeds are read, and into the flat document the search and route clients read.
 void BM_ParseRouteAnswers(benchmark::State& state) {
-    services::RouteClient client(settings());
-    SMRouteOptions options;
-    Curl curl;
-    std::string guide = curl.get(requestFor(kGuidePath, client.guideQuery(kFrom, kTo, &options)));
-    auto id = nlohmann::json::parse(guide)["data"][0]["id"].get<long long>();
-    std::string path = curl.get(requestFor(kPathPath, "id=" + std::to_string(id)));
+    const auto [guide, path] = routeAnswers();
     const bool tree = state.range(0) == 0;
     for (auto _ : state) {
         if (tree) {
