@@ -30,6 +30,17 @@ class TitledAnnotation : public PointAnnotation {
     std::string subtitle_;
 };
 
+// A delegate that gives every annotation a pin able to show a callout.
+std::shared_ptr<RecordingDelegate> pinsWithCallouts() {
+    auto delegate = std::make_shared<RecordingDelegate>();
+    delegate->makeView = [](const std::shared_ptr<Annotation>& a) {
+        auto pin = std::make_shared<PinAnnotationView>(a);
+        pin->setCanShowCallout(true);
+        return pin;
+    };
+    return delegate;
+}
+
 bool isWhite(const gfx::Image& image, gfx::Point p) {
     auto px = image.rgbaAt(static_cast<int>(p.x), static_cast<int>(p.y));
     return px[0] == 255 && px[1] == 255 && px[2] == 255;
@@ -38,12 +49,7 @@ bool isWhite(const gfx::Image& image, gfx::Point p) {
 TEST(Callout, ShowsAboveTheSelectedViewHidesOnDeselectAndTakesTaps) {
     auto view = std::make_shared<MapView>(gfx::Rect{0, 0, 320, 320});
     view->setScreenScale(1);
-    auto delegate = std::make_shared<RecordingDelegate>();
-    delegate->makeView = [](const std::shared_ptr<Annotation>& a) {
-        auto pin = std::make_shared<PinAnnotationView>(a);
-        pin->setCanShowCallout(true);
-        return pin;
-    };
+    auto delegate = pinsWithCallouts();
     view->setDelegate(delegate);
     test::showLevel(*view, 14, mapPointForCoordinate(kBangkok));
     auto temple = std::make_shared<TitledAnnotation>(kBangkok, "Wat Pho",
@@ -112,16 +118,11 @@ TEST(Callout, ShowsAboveTheSelectedViewHidesOnDeselectAndTakesTaps) {
 struct EdgeFixture {
     std::shared_ptr<dispatch::ManualClock> clock = std::make_shared<dispatch::ManualClock>();
     std::shared_ptr<MapView> view;
-    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+    std::shared_ptr<RecordingDelegate> delegate = pinsWithCallouts();
 
     explicit EdgeFixture(gfx::Size size = {320, 240})
         : view(std::make_shared<MapView>(gfx::Rect{{0, 0}, size})) {
         view->setScreenScale(1);
-        delegate->makeView = [](const std::shared_ptr<Annotation>& a) {
-            auto pin = std::make_shared<PinAnnotationView>(a);
-            pin->setCanShowCallout(true);
-            return pin;
-        };
         view->setDelegate(delegate);
         test::showLevel(*view, 14, mapPointForCoordinate(kBangkok));
         dispatch::RunLoop::main().drain();
@@ -237,11 +238,7 @@ TEST(Callout, ABubbleThatShowsOrCannotShowLeavesTheMapWhereItIs) {
     f.view->selectAnnotation(plain, true);
     EXPECT_EQ(f.view->selectedAnnotations().size(), 1u);
     EXPECT_TRUE(unmoved()) << "no callout";
-    f.delegate->makeView = [](const std::shared_ptr<Annotation>& a) {
-        auto pin = std::make_shared<PinAnnotationView>(a);
-        pin->setCanShowCallout(true);
-        return pin;
-    };
+    f.delegate->makeView = pinsWithCallouts()->makeView;
     auto untitled =
         std::make_shared<PointAnnotation>(f.view->convertPointToCoordinate({314, 160}, nullptr));
     f.view->addAnnotation(untitled);
