@@ -84,6 +84,13 @@ map)
     xdotool click 1
     sleep 3  # tiles arrive from the embedded service
     compare_map
+    # Arriving tiles redraw their own cells, not the whole map; the screenshot above is the
+    # picture so kept, so it proves the parts redrawn add up to the right map.
+    check "assert s['partialFrames'] > 0, s['partialFrames']" "every frame redrew the whole map"
+    # Idle: no change, no frame.
+    frames=$(field x frames)
+    sleep 1.5
+    check "assert s['frames'] == $frames, (s['frames'], $frames)" "frames drawn while nothing changed"
     # Drag: 200 points right and 100 down; the centre moves the other way by as many points.
     at 400 300
     sleep 0.3

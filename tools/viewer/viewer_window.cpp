@@ -25,6 +25,7 @@
 #include "SorvanMapSDK/SMSuggestOptions.hpp"
 #include "camera_window.hpp"
 #include "location_dialog.hpp"
+#include "map_area.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
 #include "sorvan/platform/media/player.hpp"
 #include "switchable_source.hpp"
@@ -288,21 +289,18 @@ class Window : public std::enable_shared_from_this<Window> {
         gtk_widget_set_vexpand(middle, TRUE);
         gtk_box_append(GTK_BOX(outer), middle);
 
-        area_ = gtk_drawing_area_new();
+        area_ = MapArea::create(
+            [this](cairo_t* cr, bool redrawAll) { return paint(cr, redrawAll); },
+            [this](GtkSnapshot* snapshot, int width, int height) {
+                finishFrame(snapshot, width, height);
+            },
+            [this](int width, int height) {
+                view_->setFrame({0, 0, static_cast<double>(width), static_cast<double>(height)});
+            });
         gtk_widget_set_size_request(area_, 320, 240);
         gtk_widget_set_hexpand(area_, TRUE);
+        gtk_widget_set_vexpand(area_, TRUE);
         gtk_widget_set_focusable(area_, TRUE);
-        gtk_drawing_area_set_draw_func(
-            GTK_DRAWING_AREA(area_),
-            +[](GtkDrawingArea*, cairo_t* cr, int width, int height, gpointer data) {
-                static_cast<Window*>(data)->draw(cr, width, height);
-            },
-            this, nullptr);
-        g_signal_connect(
-            area_, "resize", callback([](GtkDrawingArea*, int w, int h, Window* self) {
-                self->view_->setFrame({0, 0, static_cast<double>(w), static_cast<double>(h)});
-            }),
-            this);
         gtk_paned_set_start_child(GTK_PANED(middle), area_);
         gtk_paned_set_resize_start_child(GTK_PANED(middle), TRUE);
         attachInput();
@@ -638,9 +636,24 @@ class Window : public std::enable_shared_from_this<Window> {
     }
 
     // Drawing ----------------------------------------------------------------------------
-    void draw(cairo_t* cr, int width, int height) {
-        auto started = Clock::now();
-        view_->drawFrame(cr);
+    // The map's part of a frame: what changed since the last one.
+    std::vector<gfx::Rect> paint(cairo_t* cr, bool redrawAll) {
+        frameStarted_ = Clock::now();
+        auto rects = view_->drawChanges(cr, redrawAll);
+        double redrawn = 0;
+        for (const auto& r : rects) {
+            redrawn += r.size.width * r.size.height;
+        }
+        auto size = view_->bounds().size;
+        if (!rects.empty() && redrawn < 0.5 * size.width * size.height) {
+            ++partialFrames_;
+        }
+        return rects;
+    }
+
+    // The end of a frame, once the textures are made: its time, and the overlay showing it.
+    void finishFrame(GtkSnapshot* snapshot, int width, int height) {
+        auto started = frameStarted_;
         double ms = std::chrono::duration<double, std::milli>(Clock::now() - started).count();
         frameTimes_.push_back(ms);
         // From one frame to the next, as the user sees it (GTK rasterises after this returns).
@@ -658,12 +671,15 @@ class Window : public std::enable_shared_from_this<Window> {
         ++frames_;
         if (showFrameTimes_) {
             std::vector<double> times(frameTimes_.begin(), frameTimes_.end());
-            char text[128];
-            std::snprintf(text, sizeof text, "frame %.1f ms  p50 %.1f  p95 %.1f  (%zu frames)", ms,
-                          percentile(times, 0.5), percentile(times, 0.95), frames_);
-            cairo_save(cr);
+            char text[160];
+            std::snprintf(text, sizeof text,
+                          "frame %.1f ms  p50 %.1f  p95 %.1f  new %.0f%%  (%zu frames)", ms,
+                          percentile(times, 0.5), percentile(times, 0.95),
+                          100 * MapArea::of(area_).lastRemade(), frames_);
+            graphene_rect_t box = GRAPHENE_RECT_INIT(8, static_cast<float>(height - 30), 400, 22);
+            cairo_t* cr = gtk_snapshot_append_cairo(snapshot, &box);
             cairo_set_source_rgba(cr, 0, 0, 0, 0.6);
-            cairo_rectangle(cr, 8, height - 30, 330, 22);
+            cairo_rectangle(cr, 8, height - 30, 400, 22);
             cairo_fill(cr);
             cairo_set_source_rgb(cr, 1, 1, 1);
             cairo_select_font_face(cr, "DejaVu Sans Mono", CAIRO_FONT_SLANT_NORMAL,
@@ -671,7 +687,7 @@ class Window : public std::enable_shared_from_this<Window> {
             cairo_set_font_size(cr, 12);
             cairo_move_to(cr, 14, height - 14);
             cairo_show_text(cr, text);
-            cairo_restore(cr);
+            cairo_destroy(cr);
         }
         (void)width;
         writeState();
@@ -1086,15 +1102,17 @@ class Window : public std::enable_shared_from_this<Window> {
         std::snprintf(
             text, sizeof text,
             "{\"latitude\": %.9f, \"longitude\": %.9f, \"zoom\": %.6f, \"heading\": %.3f, "
-            "\"width\": %.0f, \"height\": %.0f, \"frames\": %zu, \"tilesPending\": %zu, "
+            "\"width\": %.0f, \"height\": %.0f, \"frames\": %zu, \"partialFrames\": %zu, "
+            "\"lastRemade\": %.4f, \"tilesPending\": %zu, "
             "\"suggestions\": %zu, "
             "\"pins\": %zu, \"routeSteps\": %zu, \"routeLines\": %zu, "
             "\"pointerLatitude\": %.9f, \"pointerLongitude\": %.9f, "
             "\"areaX\": %.0f, \"areaY\": %.0f, ",
             c.latitude, c.longitude, view_->zoomLevel(), view_->cameraHeading(),
-            view_->bounds().size.width, view_->bounds().size.height, frames_, view_->pendingTiles(),
-            suggestions_.size(), pins_.size(), route_ ? route_->guide().size() : 0,
-            routeLines_.size(), p.latitude, p.longitude, areaX, areaY);
+            view_->bounds().size.width, view_->bounds().size.height, frames_, partialFrames_,
+            MapArea::of(area_).lastRemade(), view_->pendingTiles(), suggestions_.size(),
+            pins_.size(), route_ ? route_->guide().size() : 0, routeLines_.size(), p.latitude,
+            p.longitude, areaX, areaY);
         std::string json = text;
         // Where a test can click a camera of each kind: the first one well inside the map.
         std::size_t cameras = 0;
@@ -1148,19 +1166,18 @@ class Window : public std::enable_shared_from_this<Window> {
         std::filesystem::rename(temporary, path, ignored);
     }
 
+    // Saves the map as the screen shows it: the kept picture, brought up to date.
     void snapshot() {
         std::string path = hooks_.snapshotPath != nullptr ? hooks_.snapshotPath : "viewer.png";
-        auto size = view_->bounds().size;
-        cairo_surface_t* surface = cairo_image_surface_create(
-            CAIRO_FORMAT_ARGB32, static_cast<int>(size.width), static_cast<int>(size.height));
-        cairo_t* cr = cairo_create(surface);
-        cairo_set_source_rgb(cr, 1, 1, 1);
-        cairo_paint(cr);
-        view_->drawFrame(cr);
-        cairo_destroy(cr);
+        MapArea& area = MapArea::of(area_);
+        area.update();
+        gtk_widget_queue_draw(area_);
+        if (area.picture() == nullptr) {
+            std::fprintf(stderr, "sorvan-viewer: no map to write yet\n");
+            return;
+        }
         std::string temporary = path + ".tmp.png";
-        cairo_status_t status = cairo_surface_write_to_png(surface, temporary.c_str());
-        cairo_surface_destroy(surface);
+        cairo_status_t status = cairo_surface_write_to_png(area.picture(), temporary.c_str());
         if (status != CAIRO_STATUS_SUCCESS) {
             std::fprintf(stderr, "sorvan-viewer: cannot write %s: %s\n", path.c_str(),
                          cairo_status_to_string(status));
@@ -1328,7 +1345,9 @@ class Window : public std::enable_shared_from_this<Window> {
     std::deque<double> frameTimes_;
     std::deque<double> frameIntervals_;
     Clock::time_point lastFrame_{};
+    Clock::time_point frameStarted_{};
     std::size_t frames_ = 0;
+    std::size_t partialFrames_ = 0;  // frames that redrew less than half the map
     bool showFrameTimes_ = false;
     bool stateDirty_ = false;
 

@@ -534,6 +534,31 @@ AnnotationView* AnnotationLayer::calloutView() {
     return nullptr;
 }
 
+void AnnotationLayer::footprints(std::vector<Footprint>& out) {
+    out.clear();
+    out.reserve(placed_.size() + 1);
+    for (const auto& p : placed_) {
+        gfx::Rect f = p.view->frame();
+        double reach = std::max(f.size.width, f.size.height);
+        out.push_back({p.view.get(),
+                       {f.minX() - reach, f.minY() - reach, f.size.width + 2 * reach,
+                        f.size.height + 2 * reach},
+                       {}});
+    }
+    if (AnnotationView* v = calloutView()) {
+        gfx::Point tip = calloutTip(*v);
+        gfx::Rect b = callout_.frame(tip);
+        // The pointer below the box, the shadow under both, the antialiased rim around.
+        double below = tip.y - b.maxY() + 3;
+        std::string text = v->calloutTitle().value_or("");
+        text += '\n';
+        text += v->calloutSubtitle().value_or("");
+        out.push_back({&callout_,
+                       {b.minX() - 2, b.minY() - 2, b.size.width + 4, b.size.height + 2 + below},
+                       std::move(text)});
+    }
+}
+
 std::shared_ptr<AnnotationView> AnnotationLayer::calloutHitTest(gfx::Point point) {
     AnnotationView* v = calloutView();
     if (!v || !callout_.contains(point, calloutTip(*v)))

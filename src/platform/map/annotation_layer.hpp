@@ -32,6 +32,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -111,6 +112,20 @@ class AnnotationLayer {
     /// the kept picture of the views when the frame is a pan of the last one, else view by
     /// view.
     void draw(cairo_t* context);
+    /// Where a placed view may show pixels: its frame grown by its own size on every side,
+    /// the reach its transform is allowed. The callout bubble has one too, with its text.
+    struct Footprint {
+        const void* id;
+        gfx::Rect box;
+        std::string text;
+        bool operator==(const Footprint&) const = default;
+    };
+    /// The placed views' footprints, bottom first, then the bubble's; call after place().
+    void footprints(std::vector<Footprint>& out);
+    /// Counts the changes in what the views show that placing them does not explain: a view
+    /// redrawn, resized or restyled, an annotation added or removed.
+    std::uint64_t contentVersion() const { return content_; }
+
     /// The device pixels of margin the kept picture has around the viewport.
     static constexpr int kPanMargin = 256;
     /// The fewest views near the screen for which a frame uses the kept picture.

@@ -2,8 +2,10 @@
 
 #include <cairo.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <utility>
 
 namespace sorvan::map::detail {
 
@@ -68,6 +70,40 @@ void paintTile(cairo_t* cr, const Viewport& viewport, const DrawnTile& d, double
     cairo_restore(cr);
 }
 
+// A tile slot of a frame: where it lies, in map points from the centre (unwrapped), and what
+// shows in it: its own drawn tile, a coarser level's standing in (levelsUp > 0), or nothing.
+struct Slot {
+    double ox, oy, width;
+    const DrawnTile* tile;
+    int levelsUp;
+    std::int64_t x, y;  // the tile's column (wrapped) and row
+};
+
+// Walks the plan's slots bottom layer first.
+template <class Fn>
+void forEachSlot(const Viewport& viewport, const FramePlan& plan, const DrawnTileCache& drawn,
+                 Fn&& fn) {
+    MapPoint center = viewport.camera().center;
+    for (const LayerPlan& layer : plan.layers) {
+        for (const TileRef& t : layer.tiles) {
+            Slot slot{static_cast<double>(t.ux) * layer.tileWidth - center.x,
+                      static_cast<double>(t.y) * layer.tileWidth - center.y,
+                      layer.tileWidth,
+                      nullptr,
+                      0,
+                      t.x,
+                      t.y};
+            DrawKey key{layer.renderer.get(), layer.z, t.x, t.y};
+            if (const DrawnTile* d = drawn.find(key); d && d->valid) {
+                slot.tile = d;
+            } else {
+                slot.tile = drawn.standIn(key, kStandInLevels, slot.levelsUp);
+            }
+            fn(slot);
+        }
+    }
+}
+
 }  // namespace
 
 void composeTiles(cairo_t* cr, const Viewport& viewport, const FramePlan& plan,
@@ -75,28 +111,50 @@ void composeTiles(cairo_t* cr, const Viewport& viewport, const FramePlan& plan,
     cairo_set_source_rgb(cr, ground.r, ground.g, ground.b);
     cairo_rectangle(cr, 0, 0, viewport.width(), viewport.height());
     cairo_fill(cr);
-    MapPoint center = viewport.camera().center;
-    for (const LayerPlan& layer : plan.layers) {
-        for (const TileRef& t : layer.tiles) {
-            double ox = static_cast<double>(t.ux) * layer.tileWidth - center.x;
-            double oy = static_cast<double>(t.y) * layer.tileWidth - center.y;
-            DrawKey key{layer.renderer.get(), layer.z, t.x, t.y};
-            if (const DrawnTile* d = drawn.find(key); d && d->valid) {
-                paintTile(cr, viewport, *d, ox, oy, layer.tileWidth, nullptr);
-                continue;
-            }
-            // Not drawn yet: show a coarser level's tile while this one comes.
-            int up = 0;
-            const DrawnTile* parent = drawn.standIn(key, kStandInLevels, up);
-            if (!parent)
-                continue;
-            double pw = layer.tileWidth * std::exp2(up);
-            double pox = ox - static_cast<double>(t.x - ((t.x >> up) << up)) * layer.tileWidth;
-            double poy = oy - static_cast<double>(t.y - ((t.y >> up) << up)) * layer.tileWidth;
-            MapRect clip{{ox, oy}, {layer.tileWidth, layer.tileWidth}};
-            paintTile(cr, viewport, *parent, pox, poy, pw, &clip);
+    forEachSlot(viewport, plan, drawn, [&](const Slot& s) {
+        if (!s.tile)
+            return;
+        if (s.levelsUp == 0) {
+            paintTile(cr, viewport, *s.tile, s.ox, s.oy, s.width, nullptr);
+            return;
         }
-    }
+        // Not drawn yet: a coarser level's tile shows while this one comes.
+        int up = s.levelsUp;
+        double pw = s.width * std::exp2(up);
+        double pox = s.ox - static_cast<double>(s.x - ((s.x >> up) << up)) * s.width;
+        double poy = s.oy - static_cast<double>(s.y - ((s.y >> up) << up)) * s.width;
+        MapRect clip{{s.ox, s.oy}, {s.width, s.width}};
+        paintTile(cr, viewport, *s.tile, pox, poy, pw, &clip);
+    });
+}
+
+void shownTiles(const Viewport& viewport, const FramePlan& plan, const DrawnTileCache& drawn,
+                std::vector<ShownTile>& out) {
+    out.clear();
+    const Camera& camera = viewport.camera();
+    const double turn = toRadians(-camera.heading);
+    const double c = std::cos(turn) * camera.zoom, s = std::sin(turn) * camera.zoom;
+    const double cx = viewport.width() / 2, cy = viewport.height() / 2;
+    forEachSlot(viewport, plan, drawn, [&](const Slot& slot) {
+        // The slot's box on the screen; a point more for the antialiased edges and the pixel
+        // by which opaque tiles overlap.
+        double x0 = INFINITY, y0 = INFINITY, x1 = -INFINITY, y1 = -INFINITY;
+        for (double u : {slot.ox, slot.ox + slot.width}) {
+            for (double v : {slot.oy, slot.oy + slot.width}) {
+                double x = cx + c * u - s * v, y = cy + s * u + c * v;
+                x0 = std::min(x0, x);
+                x1 = std::max(x1, x);
+                y0 = std::min(y0, y);
+                y1 = std::max(y1, y);
+            }
+        }
+        ShownTile shown;
+        if (slot.tile && slot.tile->drawn.surface && !slot.tile->drawn.empty)
+            shown.surface = slot.tile->drawn.surface;
+        shown.levelsUp = slot.levelsUp;
+        shown.box = {x0 - 1, y0 - 1, x1 - x0 + 2, y1 - y0 + 2};
+        out.push_back(std::move(shown));
+    });
 }
 
 }  // namespace sorvan::map::detail

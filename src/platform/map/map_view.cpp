@@ -12,6 +12,7 @@
 #include "map/annotation_layer.hpp"
 #include "map/drawn_tile_cache.hpp"
 #include "map/frame_compositor.hpp"
+#include "map/frame_damage.hpp"
 #include "map/tile_scheduler.hpp"
 #include "map/viewport.hpp"
 #include "sorvan/platform/foundation/dispatch.hpp"
@@ -142,6 +143,7 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
 
     std::function<void()> needsDisplayCallback;
     bool displayPosted = false;
+    detail::FrameDamage damage;  // what drawChanges drew last
     int renderDepth = 0;
     std::size_t lastPending = 0;  // the last frame's FramePlan::pending
 
@@ -291,7 +293,8 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
         if (auto d = delegate.lock())
             d->didDeselectAnnotationView(view, v);
     }
-    void annotationsNeedDisplay() override { view.setNeedsDisplay(); }
+    // The frames' comparison finds which views changed.
+    void annotationsNeedDisplay() override { requestFrame(); }
     void calloutTapped(const std::shared_ptr<AnnotationView>& v) override {
         if (auto d = delegate.lock())
             d->calloutTapped(view, v);
@@ -348,7 +351,52 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
     // Frames -----------------------------------------------------------------------------
     void noteProgress() {
         ++life->progress;
-        view.setNeedsDisplay();
+        requestFrame();
+    }
+
+    // Asks the host for a frame, once until it comes; what changed is found by comparing
+    // frames (setNeedsDisplay also says that something they do not describe changed).
+    void requestFrame() {
+        // Placing annotation views while composing a frame is not news for the front end.
+        if (renderDepth > 0 || displayPosted)
+            return;
+        displayPosted = true;
+        std::weak_ptr<Life> weak = life;
+        dispatch::RunLoop::main().async([weak] {
+            auto l = weak.lock();
+            if (!l)
+                return;
+            MapView& map = *l->view;
+            map.impl_->displayPosted = false;
+            map.layoutIfNeeded();
+            map.impl_->annotations.makeViewsNearScreen(map.impl_->viewport);
+            if (auto callback = map.impl_->needsDisplayCallback)
+                callback();
+        });
+    }
+
+    detail::FrameState frameState(const detail::FramePlan& fp) {
+        detail::FrameState state;
+        state.camera = viewport.camera();
+        state.size = viewport.size();
+        state.scale = viewport.scale();
+        state.ground = groundColor(mapType, fp.replacesContent);
+        for (const auto& layer : fp.layers)
+            state.layers.emplace_back(layer.renderer.get(), layer.z);
+        detail::shownTiles(viewport, fp, drawn, state.tiles);
+        annotations.place(viewport);
+        annotations.footprints(state.views);
+        state.viewContent = annotations.contentVersion();
+        state.viewsAnimating = annotations.isAnimating();
+        return state;
+    }
+
+    void drawSubviews(cairo_t* context) {
+        std::vector<std::shared_ptr<ui::View>> subs = view.subviews();
+        std::stable_sort(subs.begin(), subs.end(),
+                         [](auto& a, auto& b) { return a->zPosition() < b->zPosition(); });
+        for (auto& s : subs)
+            s->drawHierarchy(context);
     }
 
     const detail::FramePlan& plan() { return scheduler.plan(viewport, overlays); }
@@ -379,7 +427,7 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
                 return;
             auto& user = impl.annotations.userLocation();
             user->update(fix.coordinate, user->heading());
-            impl.view.setNeedsDisplay();
+            impl.requestFrame();
         };
         listener.didUpdateHeading = [weak](const HeadingFix& h) {
             auto l = weak.lock();
@@ -393,7 +441,7 @@ struct MapView::Impl final : detail::AnnotationLayer::Host {
             if (h.headingAccuracy > 0)
                 degrees = h.trueHeading >= 0 ? h.trueHeading : h.magneticHeading;
             user->update(user->coordinate(), degrees);
-            impl.view.setNeedsDisplay();
+            impl.requestFrame();
         };
         listener.didFail = [](const std::string&) {};
         source->start(std::move(listener));
@@ -750,22 +798,10 @@ void MapView::setNeedsDisplayCallback(std::function<void()> callback) {
 }
 
 void MapView::setNeedsDisplay() {
-    // Placing annotation views while composing a frame is not news for the front end.
-    if (impl_->renderDepth > 0 || impl_->displayPosted)
+    if (impl_->renderDepth > 0)
         return;
-    impl_->displayPosted = true;
-    std::weak_ptr<Life> weak = impl_->life;
-    dispatch::RunLoop::main().async([weak] {
-        auto l = weak.lock();
-        if (!l)
-            return;
-        MapView& view = *l->view;
-        view.impl_->displayPosted = false;
-        view.layoutIfNeeded();
-        view.impl_->annotations.makeViewsNearScreen(view.impl_->viewport);
-        if (auto callback = view.impl_->needsDisplayCallback)
-            callback();
-    });
+    impl_->damage.invalidate();
+    impl_->requestFrame();
 }
 
 void MapView::setTileThreadCount(int count) {
@@ -802,12 +838,30 @@ void MapView::drawFrame(cairo_t* context) {
     impl_->annotations.makeViewsNearScreen(impl_->viewport);
     draw(context, bounds());
     ++impl_->renderDepth;
-    std::vector<std::shared_ptr<ui::View>> subs = subviews();
-    std::stable_sort(subs.begin(), subs.end(),
-                     [](auto& a, auto& b) { return a->zPosition() < b->zPosition(); });
-    for (auto& s : subs)
-        s->drawHierarchy(context);
+    impl_->drawSubviews(context);
     --impl_->renderDepth;
+}
+
+std::vector<gfx::Rect> MapView::drawChanges(cairo_t* context, bool redrawAll) {
+    layoutIfNeeded();
+    impl_->annotations.makeViewsNearScreen(impl_->viewport);
+    ++impl_->renderDepth;
+    const detail::FramePlan& fp = impl_->plan();
+    impl_->lastPending = fp.pending;
+    if (redrawAll)
+        impl_->damage.invalidate();
+    detail::Damage damage = impl_->damage.compare(impl_->frameState(fp));
+    for (const gfx::Rect& r : damage.rects) {
+        cairo_save(context);
+        cairo_rectangle(context, r.minX(), r.minY(), r.size.width, r.size.height);
+        cairo_clip(context);
+        impl_->compose(context, fp);
+        impl_->drawSubviews(context);
+        cairo_restore(context);
+    }
+    impl_->drawn.trim();
+    --impl_->renderDepth;
+    return std::move(damage.rects);
 }
 
 std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeout) {

@@ -170,6 +170,14 @@ class SORVAN_EXPORT MapView : public ui::View {
     /// coarser level) into a context whose user space is this view's points; starts loading
     /// and drawing what is missing. For interactive front ends with their own surface.
     void drawFrame(cairo_t* context);
+    /// For a front end that keeps the map's picture between frames: draws into context what
+    /// changed since the last call, and returns the rectangles it redrew, in points on whole
+    /// device pixels (none when nothing changed). The context's target must hold the
+    /// picture the last call left, and its user space be this view's points. A tile that
+    /// arrived or a view that moved redraws its own box; the first call, a call with
+    /// redrawAll, and any after a move of the camera, a new size, a change of layers or a
+    /// setNeedsDisplay redraw the whole view.
+    std::vector<gfx::Rect> drawChanges(cairo_t* context, bool redrawAll = false);
     /// Visible tiles the last frame drew without (still loading or drawing); 0 before the
     /// first frame. A front end that saves what it shows waits for 0.
     std::size_t pendingTiles() const;
