@@ -85,8 +85,8 @@ MapArea::~MapArea() {
 
 void MapArea::resetCells(int columns, int rows) {
     for (Cell& c : cells_) {
-        if (c.texture) {
-            g_object_unref(c.texture);
+        if (c.node) {
+            gsk_render_node_unref(c.node);
         }
     }
     columns_ = columns;
@@ -132,27 +132,32 @@ void MapArea::update() {
     cairo_surface_flush(picture_.get());
 }
 
-GdkTexture* MapArea::textureOf(int column, int row) const {
+GskRenderNode* MapArea::nodeOf(int column, int row) const {
     int pw = cairo_image_surface_get_width(picture_.get());
     int ph = cairo_image_surface_get_height(picture_.get());
     int x = column * kCell, y = row * kCell;
     int w = std::min(kCell, pw - x), h = std::min(kCell, ph - y);
-    int stride = cairo_image_surface_get_stride(picture_.get());
-    const unsigned char* from = cairo_image_surface_get_data(picture_.get()) +
-                                static_cast<std::size_t>(y) * static_cast<std::size_t>(stride) +
-                                static_cast<std::size_t>(x) * 4;
-    std::size_t row_bytes = static_cast<std::size_t>(w) * 4;
-    auto* pixels = static_cast<unsigned char*>(g_malloc(row_bytes * static_cast<std::size_t>(h)));
-    for (int k = 0; k < h; ++k) {
-        std::memcpy(pixels + row_bytes * static_cast<std::size_t>(k),
-                    from + static_cast<std::size_t>(k) * static_cast<std::size_t>(stride),
-                    row_bytes);
+    // The cell's own copy: the node keeps it (a cairo node records what it is drawn from), and
+    // the picture changes under it.
+    std::unique_ptr<cairo_surface_t, SurfaceFree> pixels(
+        cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h));
+    {
+        std::unique_ptr<cairo_t, void (*)(cairo_t*)> cr(cairo_create(pixels.get()), cairo_destroy);
+        cairo_set_operator(cr.get(), CAIRO_OPERATOR_SOURCE);
+        cairo_set_source_surface(cr.get(), picture_.get(), -x, -y);
+        cairo_paint(cr.get());
     }
-    GBytes* bytes = g_bytes_new_take(pixels, row_bytes * static_cast<std::size_t>(h));
-    // Cairo's ARGB32 is premultiplied BGRA in memory on this byte order: GDK's default.
-    GdkTexture* texture = gdk_memory_texture_new(w, h, GDK_MEMORY_DEFAULT, bytes, row_bytes);
-    g_bytes_unref(bytes);
-    return texture;
+    auto at = [this](int v) { return static_cast<float>(v) / static_cast<float>(scale_); };
+    graphene_rect_t bounds = GRAPHENE_RECT_INIT(at(x), at(y), at(w), at(h));
+    GskRenderNode* node = gsk_cairo_node_new(&bounds);
+    std::unique_ptr<cairo_t, void (*)(cairo_t*)> cr(gsk_cairo_node_get_draw_context(node),
+                                                    cairo_destroy);
+    // Node space is points; the copy is device pixels.
+    cairo_translate(cr.get(), at(x), at(y));
+    cairo_scale(cr.get(), 1.0 / scale_, 1.0 / scale_);
+    cairo_set_source_surface(cr.get(), pixels.get(), 0, 0);
+    cairo_paint(cr.get());
+    return node;
 }
 
 void MapArea::snapshot(GtkSnapshot* snapshot) {
@@ -166,23 +171,16 @@ void MapArea::snapshot(GtkSnapshot* snapshot) {
     for (int row = 0; row < rows_; ++row) {
         for (int column = 0; column < columns_; ++column) {
             Cell& cell = cells_[static_cast<std::size_t>(row * columns_ + column)];
-            if (cell.stale || !cell.texture) {
-                if (cell.texture) {
-                    g_object_unref(cell.texture);
+            if (cell.stale || !cell.node) {
+                if (cell.node) {
+                    gsk_render_node_unref(cell.node);
                 }
-                cell.texture = textureOf(column, row);
+                cell.node = nodeOf(column, row);
                 cell.stale = false;
-                remade += static_cast<std::size_t>(gdk_texture_get_width(cell.texture)) *
-                          static_cast<std::size_t>(gdk_texture_get_height(cell.texture));
+                remade += static_cast<std::size_t>(std::min(kCell, pw - column * kCell)) *
+                          static_cast<std::size_t>(std::min(kCell, ph - row * kCell));
             }
-            graphene_rect_t bounds =
-                GRAPHENE_RECT_INIT(static_cast<float>(column * kCell) / static_cast<float>(scale_),
-                                   static_cast<float>(row * kCell) / static_cast<float>(scale_),
-                                   static_cast<float>(gdk_texture_get_width(cell.texture)) /
-                                       static_cast<float>(scale_),
-                                   static_cast<float>(gdk_texture_get_height(cell.texture)) /
-                                       static_cast<float>(scale_));
-            gtk_snapshot_append_texture(snapshot, cell.texture, &bounds);
+            gtk_snapshot_append_node(snapshot, cell.node);
         }
     }
     lastRemade_ = static_cast<double>(remade) / (static_cast<double>(pw) * ph);

@@ -1,7 +1,8 @@
 // The map's widget. It keeps the map's picture between frames, has the map redraw only what
-// changed into it, and hands the picture to GTK as a grid of textures of which only those the
-// map redrew are made anew: GTK compares a frame's textures with the last frame's, so it
-// repaints (and uploads) only the changed cells. Main thread only.
+// changed into it, and hands the picture to GTK as a grid of cells, each a render node of its
+// own, of which only those the map redrew are made anew. GTK compares a frame's nodes with the
+// last frame's: an unchanged cell is the very same node, so GTK repaints (and a GPU renderer
+// uploads) only the changed cells. Main thread only.
 #pragma once
 
 #include <gtk/gtk.h>
@@ -23,7 +24,7 @@ class MapArea {
     /// Adds nodes over the map (in points), after the map's own.
     using Decorate = std::function<void(GtkSnapshot* snapshot, int width, int height)>;
 
-    /// Side of a texture cell in device pixels: small enough that a moving dot or an arriving
+    /// Side of a cell in device pixels: small enough that a moving dot or an arriving
     /// tile remakes a few cells, large enough that a frame has few nodes.
     static constexpr int kCell = 128;
 
@@ -40,7 +41,7 @@ class MapArea {
     /// The picture as the screen shows it after update(), in device pixels; null before the
     /// first frame.
     cairo_surface_t* picture() const { return picture_.get(); }
-    /// The part of the picture the last frame made new textures for (0..1).
+    /// The part of the picture the last frame made new cells for (0..1).
     double lastRemade() const { return lastRemade_; }
 
     MapArea(GtkWidget* widget, Paint paint, Decorate decorate, Resized resized);
@@ -49,12 +50,12 @@ class MapArea {
 
   private:
     struct Cell {
-        GdkTexture* texture = nullptr;  // owned
+        GskRenderNode* node = nullptr;  // owned; holds a copy of the cell's pixels
         bool stale = true;
     };
     void resetCells(int columns, int rows);
     void markStale(const gfx::Rect& points);
-    GdkTexture* textureOf(int column, int row) const;
+    GskRenderNode* nodeOf(int column, int row) const;
 
     struct SurfaceFree {
         void operator()(cairo_surface_t* s) const { cairo_surface_destroy(s); }

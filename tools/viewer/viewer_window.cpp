@@ -299,7 +299,6 @@ class Window : public std::enable_shared_from_this<Window> {
             });
         gtk_widget_set_size_request(area_, 320, 240);
         gtk_widget_set_hexpand(area_, TRUE);
-        gtk_widget_set_vexpand(area_, TRUE);
         gtk_widget_set_focusable(area_, TRUE);
         gtk_paned_set_start_child(GTK_PANED(middle), area_);
         gtk_paned_set_resize_start_child(GTK_PANED(middle), TRUE);
