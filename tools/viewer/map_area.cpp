@@ -138,14 +138,28 @@ GskRenderNode* MapArea::nodeOf(int column, int row) const {
     int x = column * kCell, y = row * kCell;
     int w = std::min(kCell, pw - x), h = std::min(kCell, ph - y);
     // The cell's own copy: the node keeps it (a cairo node records what it is drawn from), and
-    // the picture changes under it.
+    // the picture changes under it. Copied row by row into memory the heap hands back from
+    // earlier cells, not into a new zeroed surface: a frame that moves the map remakes every
+    // cell.
+    int stride = cairo_format_stride_for_width(CAIRO_FORMAT_ARGB32, w);
+    auto* data = static_cast<unsigned char*>(
+        g_malloc(static_cast<std::size_t>(stride) * static_cast<std::size_t>(h)));
+    int from = cairo_image_surface_get_stride(picture_.get());
+    const unsigned char* source = cairo_image_surface_get_data(picture_.get()) +
+                                  static_cast<std::size_t>(y) * static_cast<std::size_t>(from) +
+                                  static_cast<std::size_t>(x) * 4;
+    for (int k = 0; k < h; ++k) {
+        std::memcpy(data + static_cast<std::size_t>(k) * static_cast<std::size_t>(stride),
+                    source + static_cast<std::size_t>(k) * static_cast<std::size_t>(from),
+                    static_cast<std::size_t>(w) * 4);
+    }
     std::unique_ptr<cairo_surface_t, SurfaceFree> pixels(
-        cairo_image_surface_create(CAIRO_FORMAT_ARGB32, w, h));
-    {
-        std::unique_ptr<cairo_t, void (*)(cairo_t*)> cr(cairo_create(pixels.get()), cairo_destroy);
-        cairo_set_operator(cr.get(), CAIRO_OPERATOR_SOURCE);
-        cairo_set_source_surface(cr.get(), picture_.get(), -x, -y);
-        cairo_paint(cr.get());
+        cairo_image_surface_create_for_data(data, CAIRO_FORMAT_ARGB32, w, h, stride));
+    static cairo_user_data_key_t ownsData;
+    if (cairo_surface_set_user_data(pixels.get(), &ownsData, data, g_free) !=
+        CAIRO_STATUS_SUCCESS) {
+        g_free(data);
+        return nullptr;
     }
     auto at = [this](int v) { return static_cast<float>(v) / static_cast<float>(scale_); };
     graphene_rect_t bounds = GRAPHENE_RECT_INIT(at(x), at(y), at(w), at(h));
@@ -176,6 +190,9 @@ void MapArea::snapshot(GtkSnapshot* snapshot) {
                     gsk_render_node_unref(cell.node);
                 }
                 cell.node = nodeOf(column, row);
+                if (!cell.node) {
+                    continue;
+                }
                 cell.stale = false;
                 remade += static_cast<std::size_t>(std::min(kCell, pw - column * kCell)) *
                           static_cast<std::size_t>(std::min(kCell, ph - row * kCell));
