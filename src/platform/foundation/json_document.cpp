@@ -1,5 +1,8 @@
 #include "foundation/json_document.hpp"
 
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -550,6 +553,24 @@ std::string unescape(std::string_view raw) {
     return out;
 }
 
+// Whether the key entry k of text names key. Keys are short: comparing them here costs less
+// than a call to memcmp.
+bool sameKey(const char* text, const detail::Entry& k, std::string_view key) {
+    if (k.length != key.size()) {
+        return false;
+    }
+    const char* s = text + k.offset;
+    if (key.size() > 16) {
+        return std::memcmp(s, key.data(), key.size()) == 0;
+    }
+    for (std::size_t n = 0; n < key.size(); ++n) {
+        if (s[n] != key[n]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 const char* kindName(const Node& v) {
     return v.isMissing() ? "nothing" : v.typeName();
 }
@@ -558,6 +579,42 @@ const char* kindName(const Node& v) {
 
 std::string Document::stringOf(const detail::Entry& e) const {
     return e.escaped ? unescape(raw(e)) : std::string(raw(e));
+}
+
+void Document::lookUp(std::uint32_t object, const std::string_view* keys, std::uint32_t* found,
+                      std::size_t count) const {
+    // The keys sorted by length first, so that a member's key is compared with only those of
+    // its own length, not with every one asked for.
+    constexpr std::size_t kShort = 24;
+    std::array<std::uint16_t, kShort> byLength{};
+    std::uint16_t longer = 0;
+    for (std::size_t n = 0; n < count; ++n) {
+        (keys[n].size() < kShort ? byLength[keys[n].size()] : longer) |=
+            static_cast<std::uint16_t>(1u << n);
+    }
+    const detail::Entry* entries = entries_.data();
+    const char* text = text_.data();
+    const std::uint32_t end = entries[object].end;
+    for (std::uint32_t i = object + 1; i < end; i = entries[i + 1].end) {
+        const detail::Entry& k = entries[i];
+        if (k.escaped) {
+            // A key with escapes is compared as it reads (rare in answers).
+            const std::string decoded = stringOf(k);
+            for (std::size_t n = 0; n < count; ++n) {
+                if (decoded == keys[n]) {
+                    found[n] = i + 1;
+                }
+            }
+            continue;
+        }
+        for (unsigned candidates = k.length < kShort ? byLength[k.length] : longer; candidates != 0;
+             candidates &= candidates - 1) {
+            const auto n = static_cast<std::size_t>(std::countr_zero(candidates));
+            if (sameKey(text, k, keys[n])) {
+                found[n] = i + 1;  // the last of equal keys wins
+            }
+        }
+    }
 }
 
 const detail::Entry& Node::entry() const {
@@ -656,16 +713,31 @@ Node member(const Node& obj, std::string_view key) {
     if (!obj.isObject()) {
         coerce::wrongKind("an object", kindName(obj));
     }
-    const auto end = obj.entry().end;
-    std::optional<std::uint32_t> found;
-    for (std::uint32_t i = obj.index_ + 1; i < end; i = obj.at(i + 1).entry().end) {
-        const Node k = obj.at(i);
-        const bool equal = k.entry().escaped ? k.text() == key : k.raw() == key;
-        if (equal) {
-            found = i + 1;  // the last of equal keys wins
+    std::uint32_t found = 0;  // the top value is no member
+    obj.doc_->lookUp(obj.index_, &key, &found, 1);
+    return found ? obj.at(found) : Node();
+}
+
+void members(const Node& obj, const std::string_view* keys, Node* found, std::size_t count) {
+    std::fill(found, found + count, Node());
+    if (obj.isMissing()) {
+        return;
+    }
+    if (!obj.isObject()) {
+        coerce::wrongKind("an object", kindName(obj));
+    }
+    // Few keys are read from one object at a time: one walk for each sixteen.
+    std::array<std::uint32_t, 16> indices{};
+    for (std::size_t start = 0; start < count; start += indices.size()) {
+        const std::size_t n = std::min(indices.size(), count - start);
+        std::fill(indices.begin(), indices.end(), 0);
+        obj.doc_->lookUp(obj.index_, keys + start, indices.data(), n);
+        for (std::size_t k = 0; k < n; ++k) {
+            if (indices[k]) {
+                found[start + k] = obj.at(indices[k]);
+            }
         }
     }
-    return found ? obj.at(*found) : Node();
 }
 
 Items items(const Node& arr) {
