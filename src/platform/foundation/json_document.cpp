@@ -23,7 +23,12 @@ class Parser {
         : doc_(doc),
           p_(doc.text_.data()),
           begin_(doc.text_.data()),
-          end_(doc.text_.data() + doc.text_.size()) {}
+          end_(doc.text_.data() + doc.text_.size()) {
+        // Answers hold about one value in six or seven bytes, so the list rarely grows.
+        capacity_ = doc.text_.size() / 4 + 16;
+        doc_.entries_.reset(new Entry[capacity_]);
+        entries_ = doc_.entries_.get();
+    }
 
     bool run() {
         // A byte-order mark is skipped; a text starting with part of one is refused.
@@ -50,6 +55,9 @@ class Parser {
     using Entry = detail::Entry;
 
     Document& doc_;
+    Entry* entries_;  // doc_'s, filled up to size_
+    std::size_t size_ = 0;
+    std::size_t capacity_;
     const char* p_;
     const char* const begin_;
     const char* const end_;
@@ -61,14 +69,24 @@ class Parser {
     }
 
     std::uint32_t add(Kind kind) {
-        doc_.entries_.emplace_back();
-        doc_.entries_.back().kind = kind;
-        return static_cast<std::uint32_t>(doc_.entries_.size() - 1);
+        if (size_ == capacity_) {
+            grow();
+        }
+        entries_[size_] = Entry{};
+        entries_[size_].kind = kind;
+        return static_cast<std::uint32_t>(size_++);
     }
 
-    void close(std::uint32_t index) {
-        doc_.entries_[index].end = static_cast<std::uint32_t>(doc_.entries_.size());
+    [[gnu::noinline]] void grow() {
+        capacity_ *= 2;
+        std::unique_ptr<Entry[]> larger(new Entry[capacity_]);
+        std::copy(entries_, entries_ + size_, larger.get());
+        doc_.entries_ = std::move(larger);
+        entries_ = doc_.entries_.get();
     }
+
+    // The end of a container, after its last descendant.
+    void close(std::uint32_t index) { entries_[index].end = static_cast<std::uint32_t>(size_); }
 
     bool literal(std::string_view word) {
         if (static_cast<std::size_t>(end_ - p_) < word.size() ||
@@ -96,16 +114,15 @@ class Parser {
                 if (!literal(flag ? "true" : "false")) {
                     return false;
                 }
-                const auto index = add(Kind::Boolean);
-                doc_.entries_[index].flag = flag;
-                close(index);
+                const auto index = add(Kind::Boolean);  // before entries_ is read: it may move
+                entries_[index].flag = flag;
                 return true;
             }
             case 'n':
                 if (!literal("null")) {
                     return false;
                 }
-                close(add(Kind::Null));
+                add(Kind::Null);
                 return true;
             default:
                 return number();
@@ -150,7 +167,7 @@ class Parser {
                 ++p_;
             }
         }
-        doc_.entries_[index].count = count;
+        entries_[index].count = count;
         close(index);
         return true;
     }
@@ -304,12 +321,11 @@ class Parser {
                 return false;
             }
         }
-        auto& e = doc_.entries_[index];
+        auto& e = entries_[index];
         e.offset = static_cast<std::uint32_t>(start - begin_);
         e.length = static_cast<std::uint32_t>(p_ - start);
         e.escaped = escaped;
         ++p_;
-        close(index);
         return true;
     }
 
@@ -394,9 +410,8 @@ class Parser {
             exponent += negativeExponent ? -written : written;
         }
         const auto index = add(Kind::Number);
-        auto& e = doc_.entries_[index];
+        auto& e = entries_[index];
         const std::string_view text(start, static_cast<std::size_t>(p_ - start));
-        close(index);
         if (integral) {
             // As the tree parser stores them: a negative integer signed, any other unsigned,
             // and one beyond 64 bits as a double.
@@ -405,7 +420,7 @@ class Parser {
                 const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
                 if (r.ec == std::errc()) {
                     e.number = detail::Number::Integer;
-                    e.value.i = v;
+                    e.i = v;
                     return true;
                 }
             } else {
@@ -413,7 +428,7 @@ class Parser {
                 const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
                 if (r.ec == std::errc()) {
                     e.number = detail::Number::Unsigned;
-                    e.value.u = v;
+                    e.u = v;
                     return true;
                 }
             }
@@ -434,7 +449,7 @@ class Parser {
                 return false;
             }
         }
-        e.value.d = d;
+        e.d = d;
         return true;
     }
 };
@@ -451,8 +466,6 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
     }
     std::shared_ptr<Document> doc(new Document());
     doc->text_.assign(bytes);
-    // A rough guess of the entries, so that the list grows at most once or twice.
-    doc->entries_.reserve(bytes.size() / 8 + 4);
     if (Parser(*doc).run()) {
         return doc;
     }
@@ -592,10 +605,10 @@ void Document::lookUp(std::uint32_t object, const std::string_view* keys, std::u
         (keys[n].size() < kShort ? byLength[keys[n].size()] : longer) |=
             static_cast<std::uint16_t>(1u << n);
     }
-    const detail::Entry* entries = entries_.data();
+    const detail::Entry* entries = entries_.get();
     const char* text = text_.data();
     const std::uint32_t end = entries[object].end;
-    for (std::uint32_t i = object + 1; i < end; i = entries[i + 1].end) {
+    for (std::uint32_t i = object + 1; i < end; i = next(i + 1)) {
         const detail::Entry& k = entries[i];
         if (k.escaped) {
             // A key with escapes is compared as it reads (rare in answers).
@@ -673,11 +686,11 @@ Value Node::toValue() const {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return Value(e.value.i);
+                    return Value(e.i);
                 case detail::Number::Unsigned:
-                    return Value(e.value.u);
+                    return Value(e.u);
                 case detail::Number::Float:
-                    return Value(e.value.d);
+                    return Value(e.d);
             }
             return Value();
         case Kind::String:
@@ -691,7 +704,7 @@ Value Node::toValue() const {
         }
         case Kind::Object: {
             Value out = Value::object();
-            for (std::uint32_t i = index_ + 1; i < e.end; i = at(i + 1).entry().end) {
+            for (std::uint32_t i = index_ + 1; i < e.end; i = doc_->next(i + 1)) {
                 // Assigned in order, so that the last of equal keys stays, as in a parsed tree.
                 out[at(i).text()] = at(i + 1).toValue();
             }
@@ -702,7 +715,7 @@ Value Node::toValue() const {
 }
 
 Items::Iterator& Items::Iterator::operator++() {
-    index_ = doc_->entry(index_).end;
+    index_ = doc_->next(index_);
     return *this;
 }
 
@@ -794,15 +807,14 @@ std::int64_t integerValue(const Node& v) {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return e.value.i;
+                    return e.i;
                 case detail::Number::Unsigned: {
                     constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-                    return e.value.u > static_cast<std::uint64_t>(kMax)
-                               ? kMax
-                               : static_cast<std::int64_t>(e.value.u);
+                    return e.u > static_cast<std::uint64_t>(kMax) ? kMax
+                                                                  : static_cast<std::int64_t>(e.u);
                 }
                 case detail::Number::Float:
-                    return coerce::saturatingTruncate(e.value.d);
+                    return coerce::saturatingTruncate(e.d);
             }
             return 0;
         case Kind::Boolean:
@@ -825,11 +837,11 @@ double doubleValue(const Node& v) {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return static_cast<double>(e.value.i);
+                    return static_cast<double>(e.i);
                 case detail::Number::Unsigned:
-                    return static_cast<double>(e.value.u);
+                    return static_cast<double>(e.u);
                 case detail::Number::Float:
-                    return e.value.d;
+                    return e.d;
             }
             return 0;
         case Kind::Boolean:

@@ -33,22 +33,27 @@ namespace detail {
 /// How a number was written: as the tree parser stores it.
 enum class Number : std::uint8_t { Integer, Unsigned, Float };
 
-/// One value of a document, in document order.
+/// One value of a document, in document order: 16 bytes, as a value needs either a place in
+/// the text, a container's extent or a number, never two of them.
 struct Entry {
-    Kind kind = Kind::Null;
-    Number number = Number::Integer;
-    bool escaped = false;      // a string with backslash escapes in its text
-    bool flag = false;         // a boolean's value
-    std::uint32_t end = 0;     // one past the entry's last descendant
-    std::uint32_t count = 0;   // elements of an array, members of an object
-    std::uint32_t offset = 0;  // a string's text, between its quotes
-    std::uint32_t length = 0;
+    Kind kind;
+    Number number;  // a number's kind
+    bool escaped;   // a string with backslash escapes in its text
+    bool flag;      // a boolean's value
     union {
+        std::uint32_t length;  // a string's text, between its quotes
+        std::uint32_t count;   // elements of an array, members of an object
+    };
+    union {
+        std::uint32_t offset;  // a string's text
+        std::uint32_t end;     // of an array or an object: one past its last descendant
         std::int64_t i;
         std::uint64_t u;
         double d;
-    } value{};
+    };
+    bool isContainer() const { return kind == Kind::Array || kind == Kind::Object; }
 };
+static_assert(sizeof(Entry) == 16);
 
 }  // namespace detail
 
@@ -149,9 +154,14 @@ class Document {
 
     Document() = default;
     std::string text_;
-    std::vector<detail::Entry> entries_;
+    std::unique_ptr<detail::Entry[]> entries_;
 
     const detail::Entry& entry(std::uint32_t index) const { return entries_[index]; }
+    // The index after the entry at index and all its descendants.
+    std::uint32_t next(std::uint32_t index) const {
+        const auto& e = entries_[index];
+        return e.isContainer() ? e.end : index + 1;
+    }
     std::string_view raw(const detail::Entry& e) const {
         return {text_.data() + e.offset, e.length};
     }
