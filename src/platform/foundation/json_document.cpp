@@ -294,38 +294,77 @@ class Parser {
         return true;
     }
 
+    // Whether c is a byte a string holds as it is: printable ASCII other than '"' and '\\'.
+    static bool plain(char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return u >= 0x20 && u < 0x80 && c != '"' && c != '\\';
+    }
+
+    // The first byte from p on that is not plain, or end_. Eight bytes at a time while they
+    // are all plain, as most of an answer's strings are.
+    const char* skipPlain(const char* p) const {
+        constexpr std::uint64_t kOnes = 0x0101010101010101;
+        constexpr std::uint64_t kHigh = 0x8080808080808080;
+        while (end_ - p >= 8) {
+            std::uint64_t w;
+            std::memcpy(&w, p, sizeof w);
+            // The high bit of a byte marks it: set in a byte below 0x20 after subtracting 0x20,
+            // in a byte equal to '"' or '\\' after xor with it and subtracting 1, and in any
+            // byte from 0x80 up. A borrow can mark more bytes, but only where one is marked
+            // already, so that a word without a mark is plain throughout.
+            const std::uint64_t quote = w ^ (kOnes * '"');
+            const std::uint64_t backslash = w ^ (kOnes * '\\');
+            const std::uint64_t marks = ((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+                                        ((backslash - kOnes) & ~backslash) | w;
+            if (marks & kHigh) {
+                if constexpr (std::endian::native == std::endian::little) {
+                    // The first byte in memory is the lowest, where no borrow reaches.
+                    return p + std::countr_zero(marks & kHigh) / 8;
+                }
+                break;
+            }
+            p += 8;
+        }
+        while (p != end_ && plain(*p)) {
+            ++p;
+        }
+        return p;
+    }
+
     bool string() {
-        ++p_;
-        const auto index = add(Kind::String);
-        const char* start = p_;
+        const char* const start = p_ + 1;
+        const char* p = start;
         bool escaped = false;
         for (;;) {
-            while (p_ != end_ && static_cast<unsigned char>(*p_) >= 0x20 &&
-                   static_cast<unsigned char>(*p_) < 0x80 && *p_ != '"' && *p_ != '\\') {
-                ++p_;
-            }
-            if (p_ == end_) {
+            p = skipPlain(p);
+            if (p == end_) {
                 return false;
             }
-            const auto c = static_cast<unsigned char>(*p_);
+            const auto c = static_cast<unsigned char>(*p);
             if (c == '"') {
                 break;
             }
+            if (c < 0x20) {
+                return false;
+            }
+            p_ = p;
             if (c == '\\') {
                 ++p_;
                 escaped = true;
                 if (!escape()) {
                     return false;
                 }
-            } else if (c < 0x20 || !multiByte()) {
+            } else if (!multiByte()) {
                 return false;
             }
+            p = p_;
         }
+        const auto index = add(Kind::String);
         auto& e = entries_[index];
         e.offset = static_cast<std::uint32_t>(start - begin_);
-        e.length = static_cast<std::uint32_t>(p_ - start);
+        e.length = static_cast<std::uint32_t>(p - start);
         e.escaped = escaped;
-        ++p_;
+        p_ = p + 1;
         return true;
     }
 
