@@ -166,6 +166,39 @@ TEST(JsonDocument, AcceptsAndRefusesWhatTheTreeParserDoes) {
     EXPECT_TRUE(agree(dense + "{}]"));
 }
 
+// Strings are scanned a word at a time: a byte that needs a look of its own (a quote, an escape,
+// a control character, the first byte of a multi-byte character, a malformed one) is found at
+// every place within a word, and plain bytes at the edges of the ranges are let through.
+TEST(JsonDocument, FindsEveryByteOfAStringThatNeedsALookAtAnyPlace) {
+    const std::vector<std::string> bytes = {"\"",
+                                            "\\n",
+                                            "\\u00e9",
+                                            "\\x",
+                                            "\x01",
+                                            "\x1F",
+                                            " ",
+                                            "\x7F",
+                                            "\xC3\xA9",
+                                            "\xE0\xA0\x80",
+                                            "\xF0\x9F\x98\x80",
+                                            "\xC3",
+                                            "\x80",
+                                            "\xFF",
+                                            "!",
+                                            "#",
+                                            "[",
+                                            "]"};
+    for (const auto& special : bytes) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            for (std::size_t after = 0; after < 10; after += 3) {
+                const std::string text =
+                    "[\"" + std::string(at, 'a') + special + std::string(after, 'b') + "\",1]";
+                EXPECT_TRUE(agree(text)) << text;
+            }
+        }
+    }
+}
+
 // Random edits of answers, biased toward the bytes that matter to a JSON reader, so that the
 // two parsers meet every kind of broken text, not only the ones listed above.
 TEST(JsonDocument, AgreesWithTheTreeParserOnEditedAnswers) {
