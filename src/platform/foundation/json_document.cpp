@@ -17,6 +17,9 @@ namespace sorvan::json {
 // skips all of it. It checks everything the tree parser checks (well-formed UTF-8, escapes and
 // surrogate pairs, numbers that stay finite), but decodes only numbers: strings are unescaped
 // when they are read.
+// The text is a std::string, so the byte at end_ is its terminating '\0': no rule takes that
+// byte, so the loops over space, digits and plain string bytes stop there without comparing
+// with end_ at every step.
 class Parser {
   public:
     explicit Parser(Document& doc)
@@ -63,7 +66,7 @@ class Parser {
     const char* const end_;
 
     void skipSpace() {
-        while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+        while (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t') {
             ++p_;
         }
     }
@@ -325,7 +328,7 @@ class Parser {
             }
             p += 8;
         }
-        while (p != end_ && plain(*p)) {
+        while (plain(*p)) {
             ++p;
         }
         return p;
@@ -376,100 +379,111 @@ class Parser {
                                         1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
     bool number() {
-        const char* start = p_;
-        const bool negative = *p_ == '-';
+        const char* const start = p_;
+        const char* p = p_;
+        const bool negative = *p == '-';
         if (negative) {
-            ++p_;
+            ++p;
         }
-        if (p_ == end_ || !isDigit(*p_)) {
+        if (!isDigit(*p)) {
             return false;
         }
         // Digits are gathered as one integer while they fit, with the decimal exponent that
-        // scales it, for the exact conversion below.
+        // scales it, for the exact conversions below.
         std::uint64_t mantissa = 0;
         int digits = 0;  // significant digits gathered into mantissa
         bool exactMantissa = true;
         int exponent = 0;
-        auto gather = [&](char c, bool fraction) {
-            if (mantissa == 0 && c == '0') {
-                if (fraction) {
-                    --exponent;
-                }
-                return;
-            }
-            if (digits < 19) {
-                mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
-                ++digits;
-                if (fraction) {
-                    --exponent;
-                }
-            } else {
-                exactMantissa = false;
-                if (!fraction) {
-                    ++exponent;
-                }
-            }
-        };
-        if (*p_ == '0') {
-            ++p_;
+        if (*p == '0') {
+            ++p;
         } else {
-            while (p_ != end_ && isDigit(*p_)) {
-                gather(*p_++, false);
+            // The integer part, from a digit that is not 0.
+            const char* const first = p;
+            for (; isDigit(*p) && p - first < 19; ++p) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p - '0');
+            }
+            digits = static_cast<int>(p - first);
+            if (isDigit(*p)) {
+                exactMantissa = false;
+                const char* const rest = p;
+                while (isDigit(*p)) {
+                    ++p;
+                }
+                exponent += static_cast<int>(p - rest);
             }
         }
         bool integral = true;
-        if (p_ != end_ && *p_ == '.') {
+        if (*p == '.') {
             integral = false;
-            ++p_;
-            if (p_ == end_ || !isDigit(*p_)) {
+            ++p;
+            if (!isDigit(*p)) {
                 return false;
             }
-            while (p_ != end_ && isDigit(*p_)) {
-                gather(*p_++, true);
+            if (mantissa == 0) {
+                // Zeros before the first significant digit only scale.
+                const char* const zeros = p;
+                while (*p == '0') {
+                    ++p;
+                }
+                exponent -= static_cast<int>(p - zeros);
+            }
+            const char* const first = p;
+            for (; isDigit(*p) && digits < 19; ++p, ++digits) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p - '0');
+            }
+            exponent -= static_cast<int>(p - first);
+            if (isDigit(*p)) {
+                exactMantissa = false;
+                while (isDigit(*p)) {
+                    ++p;
+                }
             }
         }
-        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+        if (*p == 'e' || *p == 'E') {
             integral = false;
-            ++p_;
+            ++p;
             bool negativeExponent = false;
-            if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
-                negativeExponent = *p_ == '-';
-                ++p_;
+            if (*p == '+' || *p == '-') {
+                negativeExponent = *p == '-';
+                ++p;
             }
-            if (p_ == end_ || !isDigit(*p_)) {
+            if (!isDigit(*p)) {
                 return false;
             }
             int written = 0;
-            while (p_ != end_ && isDigit(*p_)) {
+            for (; isDigit(*p); ++p) {
                 if (written < 100000) {
-                    written = written * 10 + (*p_ - '0');
+                    written = written * 10 + (*p - '0');
                 }
-                ++p_;
             }
             exponent += negativeExponent ? -written : written;
         }
+        p_ = p;
         const auto index = add(Kind::Number);
         auto& e = entries_[index];
-        const std::string_view text(start, static_cast<std::size_t>(p_ - start));
+        const std::string_view text(start, static_cast<std::size_t>(p - start));
         if (integral) {
             // As the tree parser stores them: a negative integer signed, any other unsigned,
             // and one beyond 64 bits as a double.
-            if (negative) {
-                std::int64_t v = 0;
-                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
-                if (r.ec == std::errc()) {
-                    e.number = detail::Number::Integer;
-                    e.i = v;
-                    return true;
-                }
-            } else {
-                std::uint64_t v = 0;
-                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
-                if (r.ec == std::errc()) {
-                    e.number = detail::Number::Unsigned;
-                    e.u = v;
-                    return true;
-                }
+            constexpr std::uint64_t kMinMagnitude = std::uint64_t{1} << 63;  // of INT64_MIN
+            if (exactMantissa && !negative) {
+                e.number = detail::Number::Unsigned;
+                e.u = mantissa;
+                return true;
+            }
+            if (exactMantissa && mantissa <= kMinMagnitude) {
+                e.number = detail::Number::Integer;
+                // Negated as unsigned: -2^63 has no positive counterpart in an int64_t.
+                e.i = static_cast<std::int64_t>(~mantissa + 1);
+                return true;
+            }
+            // Twenty digits or more may still fit an unsigned integer.
+            std::uint64_t v = 0;
+            const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
+            if (!negative && r.ec == std::errc() && r.ptr == text.data() + text.size()) {
+                e.number = detail::Number::Unsigned;
+                e.u = v;
+                return true;
             }
         }
         e.number = detail::Number::Float;
