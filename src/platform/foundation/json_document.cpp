@@ -1,8 +1,6 @@
 #include "foundation/json_document.hpp"
 
 #include <algorithm>
-#include <array>
-#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -619,17 +617,24 @@ std::string unescape(std::string_view raw) {
     return out;
 }
 
-// Whether the key entry k of text names key. Keys are short: comparing them here costs less
-// than a call to memcmp.
-bool sameKey(const char* text, const detail::Entry& k, std::string_view key) {
-    if (k.length != key.size()) {
+// Whether the key at s, of length bytes, is key. Keys are short: comparing them here costs
+// less than a call to memcmp.
+bool sameKey(const char* s, std::uint32_t length, std::string_view key) {
+    if (length != key.size()) {
         return false;
     }
-    const char* s = text + k.offset;
-    if (key.size() > 16) {
-        return std::memcmp(s, key.data(), key.size()) == 0;
+    if (length == 0) {
+        return true;
     }
-    for (std::size_t n = 0; n < key.size(); ++n) {
+    // The last byte first: keys that differ mostly differ there ("lat" and "lon", "fdistance"
+    // and "tdistance").
+    if (s[length - 1] != key[length - 1]) {
+        return false;
+    }
+    if (length > 16) {
+        return std::memcmp(s, key.data(), length) == 0;
+    }
+    for (std::size_t n = 0; n + 1 < length; ++n) {
         if (s[n] != key[n]) {
             return false;
         }
@@ -647,17 +652,8 @@ std::string Document::stringOf(const detail::Entry& e) const {
     return e.escaped ? unescape(raw(e)) : std::string(raw(e));
 }
 
-void Document::lookUp(std::uint32_t object, const std::string_view* keys, std::uint32_t* found,
+void Document::lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
                       std::size_t count) const {
-    // The keys sorted by length first, so that a member's key is compared with only those of
-    // its own length, not with every one asked for.
-    constexpr std::size_t kShort = 24;
-    std::array<std::uint16_t, kShort> byLength{};
-    std::uint16_t longer = 0;
-    for (std::size_t n = 0; n < count; ++n) {
-        (keys[n].size() < kShort ? byLength[keys[n].size()] : longer) |=
-            static_cast<std::uint16_t>(1u << n);
-    }
     const detail::Entry* entries = entries_.get();
     const char* text = text_.data();
     const std::uint32_t end = entries[object].end;
@@ -668,16 +664,14 @@ void Document::lookUp(std::uint32_t object, const std::string_view* keys, std::u
             const std::string decoded = stringOf(k);
             for (std::size_t n = 0; n < count; ++n) {
                 if (decoded == keys[n]) {
-                    found[n] = i + 1;
+                    found[n] = Node(this, i + 1);
                 }
             }
             continue;
         }
-        for (unsigned candidates = k.length < kShort ? byLength[k.length] : longer; candidates != 0;
-             candidates &= candidates - 1) {
-            const auto n = static_cast<std::size_t>(std::countr_zero(candidates));
-            if (sameKey(text, k, keys[n])) {
-                found[n] = i + 1;  // the last of equal keys wins
+        for (std::size_t n = 0; n < count; ++n) {
+            if (sameKey(text + k.offset, k.length, keys[n])) {
+                found[n] = Node(this, i + 1);  // the last of equal keys wins
             }
         }
     }
@@ -779,9 +773,9 @@ Node member(const Node& obj, std::string_view key) {
     if (!obj.isObject()) {
         coerce::wrongKind("an object", kindName(obj));
     }
-    std::uint32_t found = 0;  // the top value is no member
+    Node found;
     obj.doc_->lookUp(obj.index_, &key, &found, 1);
-    return found ? obj.at(found) : Node();
+    return found;
 }
 
 void members(const Node& obj, const std::string_view* keys, Node* found, std::size_t count) {
@@ -792,18 +786,7 @@ void members(const Node& obj, const std::string_view* keys, Node* found, std::si
     if (!obj.isObject()) {
         coerce::wrongKind("an object", kindName(obj));
     }
-    // Few keys are read from one object at a time: one walk for each sixteen.
-    std::array<std::uint32_t, 16> indices{};
-    for (std::size_t start = 0; start < count; start += indices.size()) {
-        const std::size_t n = std::min(indices.size(), count - start);
-        std::fill(indices.begin(), indices.end(), 0);
-        obj.doc_->lookUp(obj.index_, keys + start, indices.data(), n);
-        for (std::size_t k = 0; k < n; ++k) {
-            if (indices[k]) {
-                found[start + k] = obj.at(indices[k]);
-            }
-        }
-    }
+    obj.doc_->lookUp(obj.index_, keys, found, count);
 }
 
 Items items(const Node& arr) {

@@ -166,9 +166,9 @@ class Document {
         return {text_.data() + e.offset, e.length};
     }
     std::string stringOf(const detail::Entry& e) const;
-    // Of the object at index object: into found[k], the index of the value of the last member
-    // named keys[k]; found[k] is left as it is for a key no member has. At most 16 keys.
-    void lookUp(std::uint32_t object, const std::string_view* keys, std::uint32_t* found,
+    // Of the object at index object: into found[k], the value of the last member named
+    // keys[k]; found[k] is left as it is for a key no member has.
+    void lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
                 std::size_t count) const;
 };
 
