@@ -57,13 +57,16 @@ std::shared_ptr<map::Polyline> polylineOf(const json::Node& step) {
         throw json::StructureError("a point list of kind " + std::string(step.typeName()) +
                                    " where an array was expected");
     }
-    std::vector<map::Coordinate> buffer;
-    buffer.reserve(step.size());
+    // Each point goes straight to the map point the polyline keeps, as withCoordinates()
+    // would make it, without a list of coordinates between.
+    std::vector<map::MapPoint> points;
+    points.reserve(step.size());
     for (const json::Node point : json::items(step)) {
         const auto [lat, lon] = json::members(point, {"lat", "lon"});
-        buffer.push_back({json::doubleValue(lat), json::doubleValue(lon)});
+        points.push_back(
+            map::mapPointForCoordinate({json::doubleValue(lat), json::doubleValue(lon)}));
     }
-    return map::Polyline::withCoordinates(buffer.data(), buffer.size());
+    return std::make_shared<map::Polyline>(std::move(points));
 }
 
 }  // namespace
