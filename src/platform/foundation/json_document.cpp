@@ -98,7 +98,9 @@ class Parser {
         return true;
     }
 
-    bool value(std::size_t depth) {
+    // value() and the steps for a key, a string and a number are inlined into the loop over a
+    // container's items: most values are short, and a call for each cost more than its work.
+    [[gnu::always_inline]] bool value(std::size_t depth) {
         if (p_ == end_) {
             return false;
         }
@@ -174,7 +176,7 @@ class Parser {
     }
 
     // A member's key and its colon, and the space before its value.
-    bool key() {
+    [[gnu::always_inline]] bool key() {
         if (p_ == end_ || *p_ != '"' || !string()) {
             return false;
         }
@@ -332,7 +334,7 @@ class Parser {
         return p;
     }
 
-    bool string() {
+    [[gnu::always_inline]] bool string() {
         const char* const start = p_ + 1;
         const char* p = start;
         bool escaped = false;
@@ -376,7 +378,7 @@ class Parser {
                                         1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                         1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
-    bool number() {
+    [[gnu::always_inline]] bool number() {
         const char* const start = p_;
         const char* p = p_;
         const bool negative = *p == '-';
