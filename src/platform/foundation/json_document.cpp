@@ -517,7 +517,7 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
         }
         return nullptr;
     }
-    std::shared_ptr<Document> doc(new Document());
+    auto doc = std::make_shared<Document>(Key());
     doc->text_.assign(bytes);
     if (Parser(*doc).run()) {
         return doc;
@@ -526,7 +526,7 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
     if (tree.value) {
         // Both parsers are meant to agree; should they not, the tree's own text, which is
         // plain JSON, is read instead of failing a valid answer.
-        std::shared_ptr<Document> again(new Document());
+        auto again = std::make_shared<Document>(Key());
         again->text_ = tree.value->dump();
         if (again->text_.size() < std::numeric_limits<std::uint32_t>::max() &&
             Parser(*again).run()) {

@@ -146,13 +146,22 @@ class Document {
     Document& operator=(const Document&) = delete;
 
   private:
+    // Only parse() makes documents; the key lets it do so through std::make_shared, which
+    // puts a document and its count in one allocation.
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    explicit Document(Key) {}
+
+  private:
     friend class Node;
     friend class Items;
     friend class Parser;
     friend Node member(const Node&, std::string_view);
     friend void members(const Node&, const std::string_view*, Node*, std::size_t);
 
-    Document() = default;
     std::string text_;
     std::unique_ptr<detail::Entry[]> entries_;
 
