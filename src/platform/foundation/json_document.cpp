@@ -830,6 +830,10 @@ std::optional<std::string> stringValue(const Node& v) {
     if (!v.isString()) {
         coerce::wrongKind("a string", kindName(v));
     }
+    // Made in place: moving a short string into the optional would copy its bytes again.
+    if (!v.entry().escaped) {
+        return std::optional<std::string>(std::in_place, v.raw());
+    }
     return v.text();
 }
 
