@@ -1,6 +1,8 @@
 #include "foundation/json_document.hpp"
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -654,27 +656,74 @@ std::string Document::stringOf(const detail::Entry& e) const {
     return e.escaped ? unescape(raw(e)) : std::string(raw(e));
 }
 
+namespace {
+
+// The keys asked for, by length: the bits of byLength[size] tell which have that size, those of
+// longer which are longer than the table. Up to 16 keys.
+struct KeysByLength {
+    static constexpr std::size_t kShort = 24;
+    std::array<std::uint16_t, kShort> byLength{};
+    std::uint16_t longer = 0;
+
+    KeysByLength(const std::string_view* keys, std::size_t count) {
+        for (std::size_t n = 0; n < count; ++n) {
+            (keys[n].size() < kShort ? byLength[keys[n].size()] : longer) |=
+                static_cast<std::uint16_t>(1u << n);
+        }
+    }
+    unsigned withLength(std::uint32_t size) const {
+        return size < kShort ? byLength[size] : longer;
+    }
+};
+
+}  // namespace
+
 void Document::lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
                       std::size_t count) const {
     const detail::Entry* entries = entries_.get();
     const char* text = text_.data();
     const std::uint32_t end = entries[object].end;
+    if (count > 3 && count <= 16) {
+        // With more than a few keys, a member's key is compared with only those of its own
+        // length, not with every one asked for; with a few, sorting them costs more.
+        const KeysByLength sizes(keys, count);
+        for (std::uint32_t i = object + 1; i < end; i = next(i + 1)) {
+            const detail::Entry& k = entries[i];
+            if (k.escaped) {
+                matchDecoded(k, i + 1, keys, found, count);
+                continue;
+            }
+            for (unsigned candidates = sizes.withLength(k.length); candidates != 0;
+                 candidates &= candidates - 1) {
+                const auto n = static_cast<std::size_t>(std::countr_zero(candidates));
+                if (sameKey(text + k.offset, k.length, keys[n])) {
+                    found[n] = Node(this, i + 1);  // the last of equal keys wins
+                }
+            }
+        }
+        return;
+    }
     for (std::uint32_t i = object + 1; i < end; i = next(i + 1)) {
         const detail::Entry& k = entries[i];
         if (k.escaped) {
-            // A key with escapes is compared as it reads (rare in answers).
-            const std::string decoded = stringOf(k);
-            for (std::size_t n = 0; n < count; ++n) {
-                if (decoded == keys[n]) {
-                    found[n] = Node(this, i + 1);
-                }
-            }
+            matchDecoded(k, i + 1, keys, found, count);
             continue;
         }
         for (std::size_t n = 0; n < count; ++n) {
             if (sameKey(text + k.offset, k.length, keys[n])) {
-                found[n] = Node(this, i + 1);  // the last of equal keys wins
+                found[n] = Node(this, i + 1);
             }
+        }
+    }
+}
+
+void Document::matchDecoded(const detail::Entry& k, std::uint32_t value,
+                            const std::string_view* keys, Node* found, std::size_t count) const {
+    // A key with escapes is compared as it reads (rare in answers).
+    const std::string decoded = stringOf(k);
+    for (std::size_t n = 0; n < count; ++n) {
+        if (decoded == keys[n]) {
+            found[n] = Node(this, value);
         }
     }
 }

@@ -179,6 +179,9 @@ class Document {
     // keys[k]; found[k] is left as it is for a key no member has.
     void lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
                 std::size_t count) const;
+    // The part of lookUp() for a key k written with escapes, whose value is at index value.
+    void matchDecoded(const detail::Entry& k, std::uint32_t value, const std::string_view* keys,
+                      Node* found, std::size_t count) const;
 };
 
 /// The rules of the same-named functions of json_access.hpp, over a document's nodes.

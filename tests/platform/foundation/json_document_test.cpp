@@ -308,10 +308,13 @@ TEST(JsonDocument, MembersReadAsOneMemberCallForEachKey) {
     ASSERT_TRUE(doc);
     const std::vector<std::string_view> views(keys.begin(), keys.end());
     std::vector<Node> found(views.size());
-    members(doc->root(), views.data(), found.data(), views.size());
-    for (std::size_t k = 0; k < views.size(); ++k) {
-        EXPECT_EQ(found[k].toValue().dump(), member(doc->root(), views[k]).toValue().dump())
-            << views[k];
+    // Few keys, several, and more than are sorted by length at once.
+    for (const std::size_t count : {std::size_t{2}, std::size_t{12}, views.size()}) {
+        members(doc->root(), views.data(), found.data(), count);
+        for (std::size_t k = 0; k < count; ++k) {
+            EXPECT_EQ(found[k].toValue().dump(), member(doc->root(), views[k]).toValue().dump())
+                << count << " keys: " << views[k];
+        }
     }
     EXPECT_EQ(found[0].toValue().dump(), "4");  // the escaped "lat" comes last
     EXPECT_EQ(found[1].toValue().dump(), "5");
