@@ -27,7 +27,8 @@ class Parser {
           p_(doc.text_.data()),
           begin_(doc.text_.data()),
           end_(doc.text_.data() + doc.text_.size()) {
-        // Answers hold about one value in six or seven bytes, so the list rarely grows.
+        // Answers hold about one value in six or seven bytes: with room for one in four, the
+        // list rarely grows (the memory is what the former list of 32-byte entries reserved).
         capacity_ = doc.text_.size() / 4 + 16;
         doc_.entries_.reset(new Entry[capacity_]);
         entries_ = doc_.entries_.get();
