@@ -41,14 +41,6 @@ json::Node routeOf(const json::Node& root) {
     return json::element(json::member(root, "data"), 0);
 }
 
-double routeDouble(const json::Node& route, const char* key) {
-    return json::doubleValue(json::member(route, key));
-}
-
-std::int64_t routeInteger(const json::Node& route, const char* key) {
-    return json::integerValue(json::member(route, key));
-}
-
 std::string textOf(const json::Node& v) {
     switch (v.kind()) {
         case json::Kind::String:
@@ -65,13 +57,16 @@ std::shared_ptr<map::Polyline> polylineOf(const json::Node& step) {
         throw json::StructureError("a point list of kind " + std::string(step.typeName()) +
                                    " where an array was expected");
     }
-    std::vector<map::Coordinate> buffer;
-    buffer.reserve(step.size());
+    // Each point goes straight to the map point the polyline keeps, as withCoordinates()
+    // would make it, without a list of coordinates between.
+    std::vector<map::MapPoint> points;
+    points.reserve(step.size());
     for (const json::Node point : json::items(step)) {
-        buffer.push_back({json::doubleValue(json::member(point, "lat")),
-                          json::doubleValue(json::member(point, "lon"))});
+        const auto [lat, lon] = json::members(point, {"lat", "lon"});
+        points.push_back(
+            map::mapPointForCoordinate({json::doubleValue(lat), json::doubleValue(lon)}));
     }
-    return map::Polyline::withCoordinates(buffer.data(), buffer.size());
+    return std::make_shared<map::Polyline>(std::move(points));
 }
 
 }  // namespace
@@ -81,11 +76,14 @@ RouteHead readRouteHead(std::shared_ptr<const json::Document> answer) {
     head.routeJson = routeOf(answer->root());
     head.answer = std::move(answer);
     head.route = std::make_shared<SMRouteResult>();
-    head.route->setFDistance(routeDouble(head.routeJson, "fdistance"));
-    head.route->setTDistance(routeDouble(head.routeJson, "tdistance"));
-    head.route->setDistance(routeInteger(head.routeJson, "distance"));
-    head.route->setInterval(routeInteger(head.routeJson, "interval"));
-    head.id = routeInteger(head.routeJson, "id");
+    // Read in this order, so that a route with several faults reports the same one.
+    const auto [fdistance, tdistance, distance, interval, id] =
+        json::members(head.routeJson, {"fdistance", "tdistance", "distance", "interval", "id"});
+    head.route->setFDistance(json::doubleValue(fdistance));
+    head.route->setTDistance(json::doubleValue(tdistance));
+    head.route->setDistance(json::integerValue(distance));
+    head.route->setInterval(json::integerValue(interval));
+    head.id = json::integerValue(id);
     return head;
 }
 
@@ -95,17 +93,20 @@ std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(json::Node route,
                                                      const std::optional<Polylines>& lines) {
     std::vector<std::shared_ptr<SMRouteGuide>> guides;
     const auto steps = json::items(json::member(route, "guide"));
+    guides.reserve(steps.size());
     bool withGeometry = lines && lines->size() == steps.size();
     std::size_t i = 0;
     for (const json::Node step : steps) {
+        const auto [name, distance, interval, turn] =
+            json::members(step, {"name", "distance", "interval", "turn"});
         auto guide = std::make_shared<SMRouteGuide>();
-        guide->setName(textOf(json::member(step, "name")));
-        guide->setDistance(json::integerValue(json::member(step, "distance")));
-        guide->setInterval(json::integerValue(json::member(step, "interval")));
+        guide->setName(textOf(name));
+        guide->setDistance(json::integerValue(distance));
+        guide->setInterval(json::integerValue(interval));
         if (withGeometry) {
             guide->setPath((*lines)[i]);
         }
-        std::int64_t code = json::integerValue(json::member(step, "turn"));
+        std::int64_t code = json::integerValue(turn);
         if (code >= 0 && code <= 6) {
             guide->setTurn(SMRouteGuide::turnForServiceCode(code));
         }
@@ -118,7 +119,9 @@ std::vector<std::shared_ptr<SMRouteGuide>> joinGuide(json::Node route,
 Polylines readPolylines(json::Node root, std::int64_t routeId) {
     Polylines polylines;
     try {
-        for (const json::Node step : json::items(json::member(root, "data"))) {
+        const auto steps = json::items(json::member(root, "data"));
+        polylines.reserve(steps.size());
+        for (const json::Node step : steps) {
             polylines.push_back(polylineOf(step));
         }
     } catch (const std::exception& e) {

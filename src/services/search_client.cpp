@@ -70,17 +70,20 @@ std::string dropLastUnits(const std::string& s, std::size_t units) {
 }
 
 std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Node& hit) {
+    // One walk over the hit's members finds them all; they are read in this order, so that a
+    // hit with several faults reports the same one.
+    const auto [id, name, address, iconName, lat, lon] =
+        json::members(hit, {"id", "name", "address", "icon", "lat", "lon"});
     auto pin = std::make_shared<SMPinAnnotation>();
-    pin->setPoiid(decodedText(json::member(hit, "id")));
-    pin->setName(decodedText(json::member(hit, "name")));
-    pin->setAddress(decodedText(json::member(hit, "address")));
+    pin->setPoiid(decodedText(id));
+    pin->setName(decodedText(name));
+    pin->setAddress(decodedText(address));
     // "abc.png" names the icon type "abc"; shorter names (a bare "pin") name none.
-    auto icon = json::stringValue(json::member(hit, "icon"));
+    auto icon = json::stringValue(iconName);
     if (icon && utf16Length(*icon) >= 5) {
         pin->setType(dropLastUnits(*icon, 4));
     }
-    pin->setCoordinate(
-        {json::doubleValue(json::member(hit, "lat")), json::doubleValue(json::member(hit, "lon"))});
+    pin->setCoordinate({json::doubleValue(lat), json::doubleValue(lon)});
     return pin;
 }
 
@@ -91,7 +94,9 @@ std::shared_ptr<SMPinAnnotation> pinFromHit(const json::Node& hit) {
 Pins readPins(json::Node root, const std::string& keyword, map::Coordinate position) {
     Pins pins;
     try {
-        for (const json::Node hit : json::items(json::member(root, "data"))) {
+        const auto hits = json::items(json::member(root, "data"));
+        pins.reserve(hits.size());
+        for (const json::Node hit : hits) {
             pins.push_back(pinFromHit(hit));
         }
     } catch (const std::exception& e) {

@@ -1,5 +1,8 @@
 #include "foundation/json_document.hpp"
 
+#include <algorithm>
+#include <array>
+#include <bit>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -14,13 +17,22 @@ namespace sorvan::json {
 // skips all of it. It checks everything the tree parser checks (well-formed UTF-8, escapes and
 // surrogate pairs, numbers that stay finite), but decodes only numbers: strings are unescaped
 // when they are read.
+// The text is a std::string, so the byte at end_ is its terminating '\0': no rule takes that
+// byte, so the loops over space, digits and plain string bytes stop there without comparing
+// with end_ at every step.
 class Parser {
   public:
     explicit Parser(Document& doc)
         : doc_(doc),
           p_(doc.text_.data()),
           begin_(doc.text_.data()),
-          end_(doc.text_.data() + doc.text_.size()) {}
+          end_(doc.text_.data() + doc.text_.size()) {
+        // Answers hold about one value in six or seven bytes: with room for one in four, the
+        // list rarely grows (the memory is what the former list of 32-byte entries reserved).
+        capacity_ = doc.text_.size() / 4 + 16;
+        doc_.entries_.reset(new Entry[capacity_]);
+        entries_ = doc_.entries_.get();
+    }
 
     bool run() {
         // A byte-order mark is skipped; a text starting with part of one is refused.
@@ -47,25 +59,38 @@ class Parser {
     using Entry = detail::Entry;
 
     Document& doc_;
+    Entry* entries_;  // doc_'s, filled up to size_
+    std::size_t size_ = 0;
+    std::size_t capacity_;
     const char* p_;
     const char* const begin_;
     const char* const end_;
 
     void skipSpace() {
-        while (p_ != end_ && (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t')) {
+        while (*p_ == ' ' || *p_ == '\n' || *p_ == '\r' || *p_ == '\t') {
             ++p_;
         }
     }
 
     std::uint32_t add(Kind kind) {
-        doc_.entries_.emplace_back();
-        doc_.entries_.back().kind = kind;
-        return static_cast<std::uint32_t>(doc_.entries_.size() - 1);
+        if (size_ == capacity_) {
+            grow();
+        }
+        entries_[size_] = Entry{};
+        entries_[size_].kind = kind;
+        return static_cast<std::uint32_t>(size_++);
     }
 
-    void close(std::uint32_t index) {
-        doc_.entries_[index].end = static_cast<std::uint32_t>(doc_.entries_.size());
+    [[gnu::noinline]] void grow() {
+        capacity_ *= 2;
+        std::unique_ptr<Entry[]> larger(new Entry[capacity_]);
+        std::copy(entries_, entries_ + size_, larger.get());
+        doc_.entries_ = std::move(larger);
+        entries_ = doc_.entries_.get();
     }
+
+    // The end of a container, after its last descendant.
+    void close(std::uint32_t index) { entries_[index].end = static_cast<std::uint32_t>(size_); }
 
     bool literal(std::string_view word) {
         if (static_cast<std::size_t>(end_ - p_) < word.size() ||
@@ -76,7 +101,9 @@ class Parser {
         return true;
     }
 
-    bool value(std::size_t depth) {
+    // value() and the steps for a key, a string and a number are inlined into the loop over a
+    // container's items: most values are short, and a call for each cost more than its work.
+    [[gnu::always_inline]] bool value(std::size_t depth) {
         if (p_ == end_) {
             return false;
         }
@@ -93,16 +120,15 @@ class Parser {
                 if (!literal(flag ? "true" : "false")) {
                     return false;
                 }
-                const auto index = add(Kind::Boolean);
-                doc_.entries_[index].flag = flag;
-                close(index);
+                const auto index = add(Kind::Boolean);  // before entries_ is read: it may move
+                entries_[index].flag = flag;
                 return true;
             }
             case 'n':
                 if (!literal("null")) {
                     return false;
                 }
-                close(add(Kind::Null));
+                add(Kind::Null);
                 return true;
             default:
                 return number();
@@ -147,13 +173,13 @@ class Parser {
                 ++p_;
             }
         }
-        doc_.entries_[index].count = count;
+        entries_[index].count = count;
         close(index);
         return true;
     }
 
     // A member's key and its colon, and the space before its value.
-    bool key() {
+    [[gnu::always_inline]] bool key() {
         if (p_ == end_ || *p_ != '"' || !string()) {
             return false;
         }
@@ -274,39 +300,77 @@ class Parser {
         return true;
     }
 
-    bool string() {
-        ++p_;
-        const auto index = add(Kind::String);
-        const char* start = p_;
+    // Whether c is a byte a string holds as it is: printable ASCII other than '"' and '\\'.
+    static bool plain(char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return u >= 0x20 && u < 0x80 && c != '"' && c != '\\';
+    }
+
+    // The first byte from p on that is not plain, or end_. Eight bytes at a time while they
+    // are all plain, as most of an answer's strings are.
+    const char* skipPlain(const char* p) const {
+        constexpr std::uint64_t kOnes = 0x0101010101010101;
+        constexpr std::uint64_t kHigh = 0x8080808080808080;
+        while (end_ - p >= 8) {
+            std::uint64_t w;
+            std::memcpy(&w, p, sizeof w);
+            // The high bit of a byte marks it: set in a byte below 0x20 after subtracting 0x20,
+            // in a byte equal to '"' or '\\' after xor with it and subtracting 1, and in any
+            // byte from 0x80 up. A borrow can mark more bytes, but only where one is marked
+            // already, so that a word without a mark is plain throughout.
+            const std::uint64_t quote = w ^ (kOnes * '"');
+            const std::uint64_t backslash = w ^ (kOnes * '\\');
+            const std::uint64_t marks = ((w - kOnes * 0x20) & ~w) | ((quote - kOnes) & ~quote) |
+                                        ((backslash - kOnes) & ~backslash) | w;
+            if (marks & kHigh) {
+                if constexpr (std::endian::native == std::endian::little) {
+                    // The first byte in memory is the lowest, where no borrow reaches.
+                    return p + std::countr_zero(marks & kHigh) / 8;
+                }
+                break;
+            }
+            p += 8;
+        }
+        while (plain(*p)) {
+            ++p;
+        }
+        return p;
+    }
+
+    [[gnu::always_inline]] bool string() {
+        const char* const start = p_ + 1;
+        const char* p = start;
         bool escaped = false;
         for (;;) {
-            while (p_ != end_ && static_cast<unsigned char>(*p_) >= 0x20 &&
-                   static_cast<unsigned char>(*p_) < 0x80 && *p_ != '"' && *p_ != '\\') {
-                ++p_;
-            }
-            if (p_ == end_) {
+            p = skipPlain(p);
+            if (p == end_) {
                 return false;
             }
-            const auto c = static_cast<unsigned char>(*p_);
+            const auto c = static_cast<unsigned char>(*p);
             if (c == '"') {
                 break;
             }
+            if (c < 0x20) {
+                return false;
+            }
+            p_ = p;
             if (c == '\\') {
                 ++p_;
                 escaped = true;
                 if (!escape()) {
                     return false;
                 }
-            } else if (c < 0x20 || !multiByte()) {
+            } else if (!multiByte()) {
                 return false;
             }
+            p = p_;
         }
-        auto& e = doc_.entries_[index];
+        const auto index = add(Kind::String);
+        auto& e = entries_[index];
         e.offset = static_cast<std::uint32_t>(start - begin_);
-        e.length = static_cast<std::uint32_t>(p_ - start);
+        e.length = static_cast<std::uint32_t>(p - start);
         e.escaped = escaped;
-        ++p_;
-        close(index);
+        p_ = p + 1;
         return true;
     }
 
@@ -317,102 +381,112 @@ class Parser {
                                         1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                         1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
-    bool number() {
-        const char* start = p_;
-        const bool negative = *p_ == '-';
+    [[gnu::always_inline]] bool number() {
+        const char* const start = p_;
+        const char* p = p_;
+        const bool negative = *p == '-';
         if (negative) {
-            ++p_;
+            ++p;
         }
-        if (p_ == end_ || !isDigit(*p_)) {
+        if (!isDigit(*p)) {
             return false;
         }
         // Digits are gathered as one integer while they fit, with the decimal exponent that
-        // scales it, for the exact conversion below.
+        // scales it, for the exact conversions below.
         std::uint64_t mantissa = 0;
         int digits = 0;  // significant digits gathered into mantissa
         bool exactMantissa = true;
         int exponent = 0;
-        auto gather = [&](char c, bool fraction) {
-            if (mantissa == 0 && c == '0') {
-                if (fraction) {
-                    --exponent;
-                }
-                return;
-            }
-            if (digits < 19) {
-                mantissa = mantissa * 10 + static_cast<std::uint64_t>(c - '0');
-                ++digits;
-                if (fraction) {
-                    --exponent;
-                }
-            } else {
-                exactMantissa = false;
-                if (!fraction) {
-                    ++exponent;
-                }
-            }
-        };
-        if (*p_ == '0') {
-            ++p_;
+        if (*p == '0') {
+            ++p;
         } else {
-            while (p_ != end_ && isDigit(*p_)) {
-                gather(*p_++, false);
+            // The integer part, from a digit that is not 0.
+            const char* const first = p;
+            for (; isDigit(*p) && p - first < 19; ++p) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p - '0');
+            }
+            digits = static_cast<int>(p - first);
+            if (isDigit(*p)) {
+                exactMantissa = false;
+                const char* const rest = p;
+                while (isDigit(*p)) {
+                    ++p;
+                }
+                exponent += static_cast<int>(p - rest);
             }
         }
         bool integral = true;
-        if (p_ != end_ && *p_ == '.') {
+        if (*p == '.') {
             integral = false;
-            ++p_;
-            if (p_ == end_ || !isDigit(*p_)) {
+            ++p;
+            if (!isDigit(*p)) {
                 return false;
             }
-            while (p_ != end_ && isDigit(*p_)) {
-                gather(*p_++, true);
+            if (mantissa == 0) {
+                // Zeros before the first significant digit only scale.
+                const char* const zeros = p;
+                while (*p == '0') {
+                    ++p;
+                }
+                exponent -= static_cast<int>(p - zeros);
+            }
+            const char* const first = p;
+            for (; isDigit(*p) && digits < 19; ++p, ++digits) {
+                mantissa = mantissa * 10 + static_cast<std::uint64_t>(*p - '0');
+            }
+            exponent -= static_cast<int>(p - first);
+            if (isDigit(*p)) {
+                exactMantissa = false;
+                while (isDigit(*p)) {
+                    ++p;
+                }
             }
         }
-        if (p_ != end_ && (*p_ == 'e' || *p_ == 'E')) {
+        if (*p == 'e' || *p == 'E') {
             integral = false;
-            ++p_;
+            ++p;
             bool negativeExponent = false;
-            if (p_ != end_ && (*p_ == '+' || *p_ == '-')) {
-                negativeExponent = *p_ == '-';
-                ++p_;
+            if (*p == '+' || *p == '-') {
+                negativeExponent = *p == '-';
+                ++p;
             }
-            if (p_ == end_ || !isDigit(*p_)) {
+            if (!isDigit(*p)) {
                 return false;
             }
             int written = 0;
-            while (p_ != end_ && isDigit(*p_)) {
+            for (; isDigit(*p); ++p) {
                 if (written < 100000) {
-                    written = written * 10 + (*p_ - '0');
+                    written = written * 10 + (*p - '0');
                 }
-                ++p_;
             }
             exponent += negativeExponent ? -written : written;
         }
+        p_ = p;
         const auto index = add(Kind::Number);
-        auto& e = doc_.entries_[index];
-        const std::string_view text(start, static_cast<std::size_t>(p_ - start));
-        close(index);
+        auto& e = entries_[index];
+        const std::string_view text(start, static_cast<std::size_t>(p - start));
         if (integral) {
             // As the tree parser stores them: a negative integer signed, any other unsigned,
             // and one beyond 64 bits as a double.
-            if (negative) {
-                std::int64_t v = 0;
-                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
-                if (r.ec == std::errc()) {
-                    e.number = detail::Number::Integer;
-                    e.value.i = v;
-                    return true;
-                }
-            } else {
-                std::uint64_t v = 0;
-                const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
-                if (r.ec == std::errc()) {
-                    e.number = detail::Number::Unsigned;
-                    e.value.u = v;
-                    return true;
-                }
+            constexpr std::uint64_t kMinMagnitude = std::uint64_t{1} << 63;  // of INT64_MIN
+            if (exactMantissa && !negative) {
+                e.number = detail::Number::Unsigned;
+                e.u = mantissa;
+                return true;
+            }
+            if (exactMantissa && mantissa <= kMinMagnitude) {
+                e.number = detail::Number::Integer;
+                // Negated as unsigned: -2^63 has no positive counterpart in an int64_t.
+                e.i = static_cast<std::int64_t>(~mantissa + 1);
+                return true;
+            }
+            // Twenty digits or more may still fit an unsigned integer.
+            std::uint64_t v = 0;
+            const auto r = std::from_chars(text.data(), text.data() + text.size(), v);
+            if (!negative && r.ec == std::errc() && r.ptr == text.data() + text.size()) {
+                e.number = detail::Number::Unsigned;
+                e.u = v;
+                return true;
             }
         }
         e.number = detail::Number::Float;
@@ -431,7 +505,7 @@ class Parser {
                 return false;
             }
         }
-        e.value.d = d;
+        e.d = d;
         return true;
     }
 };
@@ -446,10 +520,8 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
         }
         return nullptr;
     }
-    std::shared_ptr<Document> doc(new Document());
+    auto doc = std::make_shared<Document>(Key());
     doc->text_.assign(bytes);
-    // A rough guess of the entries, so that the list grows at most once or twice.
-    doc->entries_.reserve(bytes.size() / 8 + 4);
     if (Parser(*doc).run()) {
         return doc;
     }
@@ -457,7 +529,7 @@ std::shared_ptr<const Document> Document::parse(std::string_view bytes, std::str
     if (tree.value) {
         // Both parsers are meant to agree; should they not, the tree's own text, which is
         // plain JSON, is read instead of failing a valid answer.
-        std::shared_ptr<Document> again(new Document());
+        auto again = std::make_shared<Document>(Key());
         again->text_ = tree.value->dump();
         if (again->text_.size() < std::numeric_limits<std::uint32_t>::max() &&
             Parser(*again).run()) {
@@ -550,6 +622,31 @@ std::string unescape(std::string_view raw) {
     return out;
 }
 
+// Whether the key at s, of length bytes, is key. Keys are short: comparing them here costs
+// less than a call to memcmp.
+bool sameKey(const char* s, std::uint32_t length, std::string_view key) {
+    if (length != key.size()) {
+        return false;
+    }
+    if (length == 0) {
+        return true;
+    }
+    // The last byte first: keys that differ mostly differ there ("lat" and "lon", "fdistance"
+    // and "tdistance").
+    if (s[length - 1] != key[length - 1]) {
+        return false;
+    }
+    if (length > 16) {
+        return std::memcmp(s, key.data(), length) == 0;
+    }
+    for (std::size_t n = 0; n + 1 < length; ++n) {
+        if (s[n] != key[n]) {
+            return false;
+        }
+    }
+    return true;
+}
+
 const char* kindName(const Node& v) {
     return v.isMissing() ? "nothing" : v.typeName();
 }
@@ -558,6 +655,78 @@ const char* kindName(const Node& v) {
 
 std::string Document::stringOf(const detail::Entry& e) const {
     return e.escaped ? unescape(raw(e)) : std::string(raw(e));
+}
+
+namespace {
+
+// The keys asked for, by length: the bits of byLength[size] tell which have that size, those of
+// longer which are longer than the table. Up to 16 keys.
+struct KeysByLength {
+    static constexpr std::size_t kShort = 24;
+    std::array<std::uint16_t, kShort> byLength{};
+    std::uint16_t longer = 0;
+
+    KeysByLength(const std::string_view* keys, std::size_t count) {
+        for (std::size_t n = 0; n < count; ++n) {
+            (keys[n].size() < kShort ? byLength[keys[n].size()] : longer) |=
+                static_cast<std::uint16_t>(1u << n);
+        }
+    }
+    unsigned withLength(std::uint32_t size) const {
+        return size < kShort ? byLength[size] : longer;
+    }
+};
+
+}  // namespace
+
+void Document::lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
+                      std::size_t count) const {
+    const detail::Entry* entries = entries_.get();
+    const char* text = text_.data();
+    const std::uint32_t end = entries[object].end;
+    if (count > 3 && count <= 16) {
+        // With more than a few keys, a member's key is compared with only those of its own
+        // length, not with every one asked for; with a few, sorting them costs more.
+        const KeysByLength sizes(keys, count);
+        for (std::uint32_t i = object + 1; i < end; i = next(i + 1)) {
+            const detail::Entry& k = entries[i];
+            if (k.escaped) {
+                matchDecoded(k, i + 1, keys, found, count);
+                continue;
+            }
+            for (unsigned candidates = sizes.withLength(k.length); candidates != 0;
+                 candidates &= candidates - 1) {
+                const auto n = static_cast<std::size_t>(std::countr_zero(candidates));
+                if (sameKey(text + k.offset, k.length, keys[n])) {
+                    found[n] = Node(this, i + 1);  // the last of equal keys wins
+                }
+            }
+        }
+        return;
+    }
+    for (std::uint32_t i = object + 1; i < end; i = next(i + 1)) {
+        const detail::Entry& k = entries[i];
+        if (k.escaped) {
+            matchDecoded(k, i + 1, keys, found, count);
+            continue;
+        }
+        for (std::size_t n = 0; n < count; ++n) {
+            if (sameKey(text + k.offset, k.length, keys[n])) {
+                found[n] = Node(this, i + 1);
+            }
+        }
+    }
+}
+
+void Document::matchDecoded(const detail::Entry& k, std::uint32_t value,
+                            const std::string_view* keys, Node* found, std::size_t count) const {
+    // A key with escapes is compared as it reads (rare in answers).
+    const std::string decoded = stringOf(k);
+    for (std::size_t n = 0; n < count; ++n) {
+        if (decoded == keys[n]) {
+            found[n] = Node(this, value);
+        }
+    }
 }
 
 const detail::Entry& Node::entry() const {
@@ -616,11 +785,11 @@ Value Node::toValue() const {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return Value(e.value.i);
+                    return Value(e.i);
                 case detail::Number::Unsigned:
-                    return Value(e.value.u);
+                    return Value(e.u);
                 case detail::Number::Float:
-                    return Value(e.value.d);
+                    return Value(e.d);
             }
             return Value();
         case Kind::String:
@@ -634,7 +803,7 @@ Value Node::toValue() const {
         }
         case Kind::Object: {
             Value out = Value::object();
-            for (std::uint32_t i = index_ + 1; i < e.end; i = at(i + 1).entry().end) {
+            for (std::uint32_t i = index_ + 1; i < e.end; i = doc_->next(i + 1)) {
                 // Assigned in order, so that the last of equal keys stays, as in a parsed tree.
                 out[at(i).text()] = at(i + 1).toValue();
             }
@@ -645,7 +814,7 @@ Value Node::toValue() const {
 }
 
 Items::Iterator& Items::Iterator::operator++() {
-    index_ = doc_->entry(index_).end;
+    index_ = doc_->next(index_);
     return *this;
 }
 
@@ -656,16 +825,20 @@ Node member(const Node& obj, std::string_view key) {
     if (!obj.isObject()) {
         coerce::wrongKind("an object", kindName(obj));
     }
-    const auto end = obj.entry().end;
-    std::optional<std::uint32_t> found;
-    for (std::uint32_t i = obj.index_ + 1; i < end; i = obj.at(i + 1).entry().end) {
-        const Node k = obj.at(i);
-        const bool equal = k.entry().escaped ? k.text() == key : k.raw() == key;
-        if (equal) {
-            found = i + 1;  // the last of equal keys wins
-        }
+    Node found;
+    obj.doc_->lookUp(obj.index_, &key, &found, 1);
+    return found;
+}
+
+void members(const Node& obj, const std::string_view* keys, Node* found, std::size_t count) {
+    std::fill(found, found + count, Node());
+    if (obj.isMissing()) {
+        return;
     }
-    return found ? obj.at(*found) : Node();
+    if (!obj.isObject()) {
+        coerce::wrongKind("an object", kindName(obj));
+    }
+    obj.doc_->lookUp(obj.index_, keys, found, count);
 }
 
 Items items(const Node& arr) {
@@ -707,6 +880,10 @@ std::optional<std::string> stringValue(const Node& v) {
     if (!v.isString()) {
         coerce::wrongKind("a string", kindName(v));
     }
+    // Made in place: moving a short string into the optional would copy its bytes again.
+    if (!v.entry().escaped) {
+        return std::optional<std::string>(std::in_place, v.raw());
+    }
     return v.text();
 }
 
@@ -722,15 +899,14 @@ std::int64_t integerValue(const Node& v) {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return e.value.i;
+                    return e.i;
                 case detail::Number::Unsigned: {
                     constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-                    return e.value.u > static_cast<std::uint64_t>(kMax)
-                               ? kMax
-                               : static_cast<std::int64_t>(e.value.u);
+                    return e.u > static_cast<std::uint64_t>(kMax) ? kMax
+                                                                  : static_cast<std::int64_t>(e.u);
                 }
                 case detail::Number::Float:
-                    return coerce::saturatingTruncate(e.value.d);
+                    return coerce::saturatingTruncate(e.d);
             }
             return 0;
         case Kind::Boolean:
@@ -753,11 +929,11 @@ double doubleValue(const Node& v) {
         case Kind::Number:
             switch (e.number) {
                 case detail::Number::Integer:
-                    return static_cast<double>(e.value.i);
+                    return static_cast<double>(e.i);
                 case detail::Number::Unsigned:
-                    return static_cast<double>(e.value.u);
+                    return static_cast<double>(e.u);
                 case detail::Number::Float:
-                    return e.value.d;
+                    return e.d;
             }
             return 0;
         case Kind::Boolean:

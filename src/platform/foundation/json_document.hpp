@@ -11,6 +11,7 @@
 // any thread; a Node is valid while its document lives.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -32,22 +33,27 @@ namespace detail {
 /// How a number was written: as the tree parser stores it.
 enum class Number : std::uint8_t { Integer, Unsigned, Float };
 
-/// One value of a document, in document order.
+/// One value of a document, in document order: 16 bytes, as a value needs either a place in
+/// the text, a container's extent or a number, never two of them.
 struct Entry {
-    Kind kind = Kind::Null;
-    Number number = Number::Integer;
-    bool escaped = false;      // a string with backslash escapes in its text
-    bool flag = false;         // a boolean's value
-    std::uint32_t end = 0;     // one past the entry's last descendant
-    std::uint32_t count = 0;   // elements of an array, members of an object
-    std::uint32_t offset = 0;  // a string's text, between its quotes
-    std::uint32_t length = 0;
+    Kind kind;
+    Number number;  // a number's kind
+    bool escaped;   // a string with backslash escapes in its text
+    bool flag;      // a boolean's value
     union {
+        std::uint32_t length;  // a string's text, between its quotes
+        std::uint32_t count;   // elements of an array, members of an object
+    };
+    union {
+        std::uint32_t offset;  // a string's text
+        std::uint32_t end;     // of an array or an object: one past its last descendant
         std::int64_t i;
         std::uint64_t u;
         double d;
-    } value{};
+    };
+    bool isContainer() const { return kind == Kind::Array || kind == Kind::Object; }
 };
+static_assert(sizeof(Entry) == 16);
 
 }  // namespace detail
 
@@ -81,6 +87,7 @@ class Node {
     friend class Document;
     friend class Items;
     friend Node member(const Node&, std::string_view);
+    friend void members(const Node&, const std::string_view*, Node*, std::size_t);
     friend Items items(const Node&);
     friend std::optional<std::string> stringValue(const Node&);
     friend std::int64_t integerValue(const Node&);
@@ -139,25 +146,58 @@ class Document {
     Document& operator=(const Document&) = delete;
 
   private:
+    // Only parse() makes documents; the key lets it do so through std::make_shared, which
+    // puts a document and its count in one allocation.
+    struct Key {
+        explicit Key() = default;
+    };
+
+  public:
+    explicit Document(Key) {}
+
+  private:
     friend class Node;
     friend class Items;
     friend class Parser;
+    friend Node member(const Node&, std::string_view);
+    friend void members(const Node&, const std::string_view*, Node*, std::size_t);
 
-    Document() = default;
     std::string text_;
-    std::vector<detail::Entry> entries_;
+    std::unique_ptr<detail::Entry[]> entries_;
 
     const detail::Entry& entry(std::uint32_t index) const { return entries_[index]; }
+    // The index after the entry at index and all its descendants.
+    std::uint32_t next(std::uint32_t index) const {
+        const auto& e = entries_[index];
+        return e.isContainer() ? e.end : index + 1;
+    }
     std::string_view raw(const detail::Entry& e) const {
         return {text_.data() + e.offset, e.length};
     }
     std::string stringOf(const detail::Entry& e) const;
+    // Of the object at index object: into found[k], the value of the last member named
+    // keys[k]; found[k] is left as it is for a key no member has.
+    void lookUp(std::uint32_t object, const std::string_view* keys, Node* found,
+                std::size_t count) const;
+    // The part of lookUp() for a key k written with escapes, whose value is at index value.
+    void matchDecoded(const detail::Entry& k, std::uint32_t value, const std::string_view* keys,
+                      Node* found, std::size_t count) const;
 };
 
 /// The rules of the same-named functions of json_access.hpp, over a document's nodes.
 /// obj[key], the last of equal keys; missing for an absent key or a missing obj; raises
 /// StructureError ("expected an object, found ...") for other kinds, a JSON null included.
 Node member(const Node& obj, std::string_view key);
+/// member(obj, keys[k]) into found[k] for each of count keys, in one walk over the members:
+/// the same values and the same fault as count calls of member(), for the price of one.
+void members(const Node& obj, const std::string_view* keys, Node* found, std::size_t count);
+/// The same, for a list of keys written out: auto [a, b] = members(obj, {"a", "b"}).
+template <std::size_t N>
+std::array<Node, N> members(const Node& obj, const std::string_view (&keys)[N]) {
+    std::array<Node, N> found;
+    members(obj, keys, found.data(), N);
+    return found;
+}
 /// The elements of an array; none for the missing value; raises for other kinds.
 Items items(const Node& arr);
 /// arr[index]; raises for other kinds and for an index beyond the end.

@@ -65,6 +65,10 @@ const std::vector<std::string>& acceptedTexts() {
         "[0.0,-0.0,1.5,-1.5e3,1E2,1e-2,2.5E+3,1e22,1e23,9007199254740993,0.1,3.141592653589793]",
         "[1e-400,4.9e-324,2.2250738585072014e-308,1.7976931348623157e308,-1e-400]",
         "[123456789012345678901.5,0.00000000000000000000000000001,1.00000000000000000001]",
+        // At the edges of 19 gathered digits, of 64-bit integers and of exact doubles.
+        "[9999999999999999999,-9999999999999999999,10000000000000000000,-9223372036854775807]",
+        "[1234567890123456789.5,0.1234567890123456789,0.000123,-0.0e5,9007199254740992.5]",
+        "[99999999999999999999,-99999999999999999999,1.7976931348623157e308,1e-22,1e-23]",
         "[true,false,null,{\"t\":true,\"n\":null}]",
         "\t\r\n[\n1 ,\t2\r]\n",
         "[\"\x7F\"]",
@@ -128,6 +132,12 @@ const std::vector<std::string>& refusedTexts() {
         "\xEF{}",
         "\xEF\xBB\xBF",
         "[1,2",
+        "[1",
+        "[-",
+        "[1.",
+        "[1e5",
+        "[0.0e",
+        "[1e-",
         "{\"a\":1,}",
         "[,1]",
         "\v[]",
@@ -158,6 +168,45 @@ TEST(JsonDocument, AcceptsAndRefusesWhatTheTreeParserDoes) {
     EXPECT_TRUE(agree(nested(257)));
     EXPECT_TRUE(agree("{\"a\":" + nested(255) + "}"));
     EXPECT_TRUE(agree("{\"a\":" + nested(256) + "}"));
+    // Values denser than answers are (one in two bytes) outgrow the first guess of the list.
+    std::string dense = "[";
+    for (int k = 0; k < 5000; ++k) {
+        dense += std::to_string(k % 10) + (k % 7 == 0 ? ",[]," : ",");
+    }
+    EXPECT_TRUE(agree(dense + "{}]"));
+}
+
+// Strings are scanned a word at a time: a byte that needs a look of its own (a quote, an escape,
+// a control character, the first byte of a multi-byte character, a malformed one) is found at
+// every place within a word, and plain bytes at the edges of the ranges are let through.
+TEST(JsonDocument, FindsEveryByteOfAStringThatNeedsALookAtAnyPlace) {
+    const std::vector<std::string> bytes = {"\"",
+                                            "\\n",
+                                            "\\u00e9",
+                                            "\\x",
+                                            "\x01",
+                                            "\x1F",
+                                            " ",
+                                            "\x7F",
+                                            "\xC3\xA9",
+                                            "\xE0\xA0\x80",
+                                            "\xF0\x9F\x98\x80",
+                                            "\xC3",
+                                            "\x80",
+                                            "\xFF",
+                                            "!",
+                                            "#",
+                                            "[",
+                                            "]"};
+    for (const auto& special : bytes) {
+        for (std::size_t at = 0; at < 20; ++at) {
+            for (std::size_t after = 0; after < 10; after += 3) {
+                const std::string text =
+                    "[\"" + std::string(at, 'a') + special + std::string(after, 'b') + "\",1]";
+                EXPECT_TRUE(agree(text)) << text;
+            }
+        }
+    }
 }
 
 // Random edits of answers, biased toward the bytes that matter to a JSON reader, so that the
@@ -238,6 +287,55 @@ TEST(JsonDocument, AccessorsReadLikeTheTreeAccessors) {
     EXPECT_EQ(integerValue(absent), 0);
     EXPECT_TRUE(items(absent).empty());
     EXPECT_EQ(stringValue(member(member(doc->root(), "obj"), "k")), "w");
+}
+
+// Several keys looked up in one walk read exactly as one member() call for each: the last of
+// equal keys, keys written with escapes, keys of equal length that differ first or last, long
+// keys, the empty key, absent keys, keys asked for twice, many keys, and the same fault for
+// what is no object.
+TEST(JsonDocument, MembersReadAsOneMemberCallForEachKey) {
+    std::string text =
+        R"({"lat":1,"lon":2,"lat":3,"l\u0061t":4,"\u006Con":5,"":6,"nested":{"lat":7},"Lat":8,)"
+        R"("lbt":9,"a_key_longer_than_twenty_four_bytes":10,"a_key_longer_than_twenty_four_byteZ":11)";
+    const std::string longer = "a_key_longer_than_twenty_four_bytes";
+    std::vector<std::string> keys = {"lat", "lon", "",    "nested", "absent", "lat",
+                                     "la",  "Lat", "lbt", "lct",    longer,   longer + "Z"};
+    for (int k = 0; k < 20; ++k) {
+        text += ",\"k" + std::to_string(k) + "\":" + std::to_string(k);
+        keys.push_back("k" + std::to_string(k));
+    }
+    const auto doc = Document::parse(text + "}", nullptr);
+    ASSERT_TRUE(doc);
+    const std::vector<std::string_view> views(keys.begin(), keys.end());
+    std::vector<Node> found(views.size());
+    // Few keys, several, and more than are sorted by length at once.
+    for (const std::size_t count : {std::size_t{2}, std::size_t{12}, views.size()}) {
+        members(doc->root(), views.data(), found.data(), count);
+        for (std::size_t k = 0; k < count; ++k) {
+            EXPECT_EQ(found[k].toValue().dump(), member(doc->root(), views[k]).toValue().dump())
+                << count << " keys: " << views[k];
+        }
+    }
+    EXPECT_EQ(found[0].toValue().dump(), "4");  // the escaped "lat" comes last
+    EXPECT_EQ(found[1].toValue().dump(), "5");
+    EXPECT_TRUE(found[4].isMissing());
+    EXPECT_EQ(found[8].toValue().dump(), "9");
+    EXPECT_TRUE(found[9].isMissing());
+
+    const auto [lat, lon] = members(member(doc->root(), "nested"), {"lat", "lon"});
+    EXPECT_EQ(integerValue(lat), 7);
+    EXPECT_TRUE(lon.isMissing());
+    const auto [none] = members(Node(), {"lat"});
+    EXPECT_TRUE(none.isMissing());
+    for (const char* wrong : {"[1]", R"({"a":null})", R"({"a":"s"})", R"({"a":2.5})"}) {
+        const auto other = Document::parse(wrong, nullptr);
+        ASSERT_TRUE(other);
+        const Node value = other->root().isArray() ? other->root() : member(other->root(), "a");
+        EXPECT_EQ(outcomeOf([&] { return member(value, "a").toValue().dump(); }), outcomeOf([&] {
+                      return members(value, {"a", "b"})[0].toValue().dump();
+                  }))
+            << wrong;
+    }
 }
 
 TEST(JsonDocument, ItemsWalkNestedElementsInOrderAndSkipTheirInsides) {
