@@ -37,24 +37,20 @@ class Region {
         cairo_region_union_rectangle(region_.get(), &box);
     }
 
-    Damage damage(std::size_t maxRects) const {
-        Damage d;
+    std::vector<gfx::Rect> rects(std::size_t maxRects) const {
+        std::vector<gfx::Rect> out;
         int n = cairo_region_num_rectangles(region_.get());
-        if (n == 0)
-            return d;
         cairo_rectangle_int_t box;
         if (static_cast<std::size_t>(n) > maxRects) {
             cairo_region_get_extents(region_.get(), &box);
-            d.rects.push_back(points(box));
-        } else {
-            for (int i = 0; i < n; ++i) {
-                cairo_region_get_rectangle(region_.get(), i, &box);
-                d.rects.push_back(points(box));
-            }
+            out.push_back(points(box));
+            return out;
         }
-        d.whole = d.rects.size() == 1 && d.rects[0].size.width * scale_ >= width_ &&
-                  d.rects[0].size.height * scale_ >= height_;
-        return d;
+        for (int i = 0; i < n; ++i) {
+            cairo_region_get_rectangle(region_.get(), i, &box);
+            out.push_back(points(box));
+        }
+        return out;
     }
 
   private:
@@ -74,7 +70,7 @@ void addViews(Region& region, const std::vector<AnnotationLayer::Footprint>& vie
 
 }  // namespace
 
-Damage FrameDamage::compare(FrameState next) {
+std::vector<gfx::Rect> FrameDamage::compare(FrameState next) {
     Region region(next.size, next.scale);
     if (whole_ || !last_ || !sameSetting(*last_, next)) {
         region.add({{0, 0}, next.size});
@@ -111,7 +107,7 @@ Damage FrameDamage::compare(FrameState next) {
     }
     whole_ = false;
     last_ = std::move(next);
-    return region.damage(kMaxRects);
+    return region.rects(kMaxRects);
 }
 
 }  // namespace sorvan::map::detail

@@ -35,12 +35,6 @@ struct FrameState {
     bool viewsAnimating = false;
 };
 
-/// The parts of the view to redraw, in points on whole device pixels, each inside the view.
-struct Damage {
-    bool whole = false;
-    std::vector<gfx::Rect> rects;
-};
-
 class FrameDamage {
   public:
     /// Beyond this many separate rectangles the damage is drawn as their bounding box: each
@@ -50,8 +44,9 @@ class FrameDamage {
     /// The next comparison finds the whole view changed.
     void invalidate() { whole_ = true; }
 
-    /// Where next differs from the frame last compared; next becomes the last.
-    Damage compare(FrameState next);
+    /// Where next differs from the frame last compared: the parts of the view to redraw, in
+    /// points on whole device pixels, each inside the view. next becomes the last.
+    std::vector<gfx::Rect> compare(FrameState next);
 
   private:
     std::optional<FrameState> last_;

@@ -850,8 +850,8 @@ std::vector<gfx::Rect> MapView::drawChanges(cairo_t* context, bool redrawAll) {
     impl_->lastPending = fp.pending;
     if (redrawAll)
         impl_->damage.invalidate();
-    detail::Damage damage = impl_->damage.compare(impl_->frameState(fp));
-    for (const gfx::Rect& r : damage.rects) {
+    std::vector<gfx::Rect> rects = impl_->damage.compare(impl_->frameState(fp));
+    for (const gfx::Rect& r : rects) {
         cairo_save(context);
         cairo_rectangle(context, r.minX(), r.minY(), r.size.width, r.size.height);
         cairo_clip(context);
@@ -861,7 +861,7 @@ std::vector<gfx::Rect> MapView::drawChanges(cairo_t* context, bool redrawAll) {
     }
     impl_->drawn.trim();
     --impl_->renderDepth;
-    return std::move(damage.rects);
+    return rects;
 }
 
 std::shared_ptr<gfx::Image> MapView::render(std::chrono::duration<double> timeout) {
